@@ -2,6 +2,8 @@
 // needs only msg.h.
 #pragma once
 
+#include "msg/msg.h"
+
 #include <nl_types.h>
 
 #include <array>
