@@ -6,7 +6,9 @@
 #include <cstdlib>
 
 #include "mount/mount_opts.h"
+#include "mount/mtab.h"
 #include "mount/odm_mount.h"
+#include "mount/post_mount.h"
 #include "msg/msg.h"
 
 int main(int argc, char** argv)
@@ -16,12 +18,11 @@ int main(int argc, char** argv)
     const std::uint64_t mask = parse_args(argc, argv);
     check_conflicts(mask);
 
-    // TODO(mount table): mtab_lock() — the lock is taken before the mount
-    // point is even looked at.
-
+    // The table is locked before the mount point is even looked at.
+    mtab_lock();
     int mount_flags = 0;
     const char* options = nullptr;
-    // TODO(mount table): mtab_options(&options, mount_flags, mask)
+    mtab_options(&options, mount_flags, mask);
 
     struct stat st;
     if (stat(MOUNT_POINT, &st) != 0)
@@ -36,14 +37,14 @@ int main(int argc, char** argv)
     const int result = do_mount(MOUNT_SOURCE, MOUNT_POINT, mount_flags, MOUNT_TYPE, &args,
                                 sizeof args, options);
 
+    // The entry is written, or the table closed, before a failure is
+    // reported; the report is about the mount, not the bookkeeping.
     const int mount_errno = errno;
-    // TODO(mount table): mtab_add(result) — the entry is written, or the
-    // table closed, before a failure is reported.
+    mtab_add(result);
     errno = mount_errno;
     if (result != 0)
         fatal_errno(MOUNT_POINT);
 
-    // TODO(post-mount): run_readconfig(); then exit with 0 or 255 after
-    // cluster_switch_on(MOUNT_POINT).
-    std::exit(0);
+    run_readconfig();
+    std::exit(cluster_switch_on(MOUNT_POINT) == 0 ? 0 : -1);
 }

@@ -1,0 +1,142 @@
+// Locking and updating /etc/mtab the way every other mount tool does:
+// the lock is a hard link to /etc/mtab~, taken before the mount.
+#include "mount/mtab.h"
+
+#include <fcntl.h>
+#include <mntent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+#include "mount/mount_opts.h"
+#include "mount/odm_mount.h"
+
+int mtab_in_use = 1;
+
+namespace {
+
+constexpr char MTAB_PATH[] = "/etc/mtab";
+constexpr char MTAB_LOCK_PATH[] = "/etc/mtab~";
+constexpr char MTAB_TEMP_FORMAT[] = "/etc/mtab~%d";
+constexpr int MTAB_LINK_RETRIES = 3;
+constexpr unsigned MTAB_LINK_WAIT_SECONDS = 5;
+constexpr int MTAB_FAILED = 1;
+
+std::FILE* mtab;
+pid_t lock_owner;
+char options[4096];
+
+void unlock_at_exit(int /*status*/, void* /*arg*/)
+{
+    mtab_unlock();
+}
+
+}  // namespace
+
+void mtab_lock()
+{
+    struct stat st;
+    if (lstat(MTAB_PATH, &st) != 0) {
+        if (errno != ENOENT)
+            std::exit(MTAB_FAILED);
+    } else if (S_ISLNK(st.st_mode)) {
+        // The kernel keeps the table; there is nothing to lock or write.
+        mtab_in_use = 0;
+        return;
+    }
+
+    mtab = std::fopen(MTAB_PATH, "r+");
+    if (mtab == nullptr)
+        std::exit(MTAB_FAILED);
+
+    // A leftover temporary of an earlier process with our pid is reused.
+    char temp[4096];
+    std::snprintf(temp, sizeof temp, MTAB_TEMP_FORMAT, static_cast<int>(getpid()));
+    const int fd = open(temp, O_RDWR | O_CREAT, 0600);
+    if (fd < 0)
+        std::exit(MTAB_FAILED);
+    close(fd);
+
+    // On giving up, the temporary stays behind.
+    for (int retries = 0; link(temp, MTAB_LOCK_PATH) != 0; ++retries) {
+        if (errno != EEXIST)
+            std::exit(MTAB_FAILED);
+        sleep(MTAB_LINK_WAIT_SECONDS);
+        if (retries == MTAB_LINK_RETRIES)
+            std::exit(MTAB_FAILED);
+    }
+    lock_owner = getpid();
+    unlink(temp);
+    std::fseek(mtab, 0, SEEK_END);
+
+    // From here on a terminal must not leave the lock behind. These stay
+    // ignored for the configuration tool too.
+    std::signal(SIGHUP, SIG_IGN);
+    std::signal(SIGQUIT, SIG_IGN);
+    std::signal(SIGINT, SIG_IGN);
+    on_exit(unlock_at_exit, nullptr);
+}
+
+void mtab_unlock()
+{
+    // A forked child reaches this too, and must leave its parent's lock.
+    if (getpid() != lock_owner)
+        return;
+    unlink(MTAB_LOCK_PATH);
+    lock_owner = 0;
+}
+
+void mtab_options(const char** out, int& /*mount_flags*/, std::uint64_t mask)
+{
+    // The table says smartsync when nothing was said; the kernel is not told.
+    if ((mask & (OPT_SMARTSYNC | OPT_NOSMARTSYNC)) == 0)
+        mask |= OPT_SMARTSYNC;
+
+    std::size_t used = 0;
+    const char* separator = "";
+    const auto append = [&](const char* word) {
+        const int n = std::snprintf(options + used, sizeof options - used, "%s%s", separator, word);
+        if (n < 0)
+            return false;
+        used = std::min(used + static_cast<std::size_t>(n), sizeof options - 1);
+        separator = ",";
+        return true;
+    };
+
+    *out = options;
+    options[0] = '\0';
+    if (rw_given && !append("rw"))
+        return;
+    for (const mount_opt& opt : mount_opts) {
+        // "wait" is for the kernel alone.
+        if (opt.index != ROW_WAIT && (opt.flag & mask) != 0 && !append(opt.name))
+            return;
+    }
+}
+
+void mtab_add(int mount_result)
+{
+    if (!mtab_in_use)
+        return;
+    if (mount_result != 0) {
+        // No entry; the lock goes with the exit handler.
+        std::fclose(mtab);
+        return;
+    }
+
+    // addmntent only reads the entry, but its fields are char*.
+    mntent entry{const_cast<char*>(MOUNT_SOURCE), const_cast<char*>(MOUNT_POINT),
+                 const_cast<char*>(MOUNT_TYPE), options, 0, 0};
+    std::fseek(mtab, 0, SEEK_END);
+    // glibc reports a failed append as 1, which passes here on purpose:
+    // only a negative result has ever counted as failure.
+    if (addmntent(mtab, &entry) < 0)
+        std::exit(MTAB_FAILED);
+    std::fclose(mtab);
+    mtab_unlock();
+}

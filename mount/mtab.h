@@ -1,0 +1,17 @@
+// The traditional mount table /etc/mtab and its lock /etc/mtab~.
+#pragma once
+
+#include <cstdint>
+
+// 0 when /etc/mtab is a symbolic link: then there is no lock and no entry.
+extern int mtab_in_use;
+
+// Opens and locks the table, or exits with status 1 saying nothing.
+void mtab_lock();
+// Removes the lock if this process took it; also runs at exit.
+void mtab_unlock();
+// Points *out at the options string for the table entry. mount_flags is
+// left as it is: the words never change how the kernel mounts.
+void mtab_options(const char** out, int& mount_flags, std::uint64_t mask);
+// Appends the entry after a successful mount; closes the table either way.
+void mtab_add(int mount_result);
