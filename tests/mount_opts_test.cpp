@@ -101,6 +101,22 @@ TEST_F(MountOptsTest, ParsesInPlace)
     EXPECT_STREQ(text, "exclusive");
 }
 
+TEST_F(MountOptsTest, ScanStopsWhereTheParseWouldLeave)
+{
+    char text[] = "wait,rw,cluster=1,bogus=1,exclusive";
+    std::uint64_t mask = 0;
+    const char* unknown = nullptr;
+    EXPECT_EQ(scan_subopts(text, mask, unknown), subopt_stop::unknown);
+    EXPECT_STREQ(unknown, "bogus=1");
+    EXPECT_EQ(mask, OPT_WAIT | OPT_CLUSTER);
+    EXPECT_EQ(rw_given, 1);
+
+    char again[] = "nocluster,remount,exclusive";
+    mask = 0;
+    EXPECT_EQ(scan_subopts(again, mask, unknown), subopt_stop::remount);
+    EXPECT_EQ(mask, OPT_NOCLUSTER);
+}
+
 TEST_F(MountOptsTest, CommandLineThenEnvironment)
 {
     EXPECT_EQ(args({"m", "-o", "cluster", "-o", "wait", "-n", "-r", "-v", "-t", "ext4"}),
