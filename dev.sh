@@ -3,7 +3,8 @@
 # lacks, configures, builds, and then demonstrates or tests.
 #
 #   ./dev.sh demo     build, then mount with -o cluster inside odm-sandbox
-#   ./dev.sh check    build with g++ and clang++, then run every test
+#   ./dev.sh check    build with g++, clang++ and the sanitizers, then run
+#                     every test in each
 set -eu
 cd "$(dirname "$0")"
 
@@ -43,7 +44,7 @@ demo)
     ;;
 check)
     install_deps
-    for preset in gcc clang; do
+    for preset in gcc clang asan; do
         build "$preset"
         ctest --preset "$preset"
     done
