@@ -5,11 +5,16 @@
 #   ./dev.sh demo     build, then mount with -o cluster inside odm-sandbox
 #   ./dev.sh check    build with g++, clang++ and the sanitizers, then run
 #                     every test in each
+#   ./dev.sh package  build, then make the Debian package build/package/*.deb
 set -eu
 cd "$(dirname "$0")"
 
 # Debian packages the build and the tests need.
 PACKAGES="cmake ninja-build g++ clang libgtest-dev nlohmann-json3-dev libc-bin util-linux mount"
+PACKAGES="$PACKAGES dpkg-dev lintian mandoc man-db locales"
+
+# Locales the catalogue tests look messages up in; their tests skip without.
+LOCALES="en_US.UTF-8 de_DE.UTF-8"
 
 install_deps() {
     missing=
@@ -30,6 +35,20 @@ install_deps() {
     fi
 }
 
+install_locales() {
+    for l in $LOCALES; do
+        # locale -a spells UTF-8 as utf8.
+        locale -a | grep -qx "${l%.UTF-8}.utf8" && continue
+        if [ "$(id -u)" -eq 0 ]; then
+            localedef -i "${l%.*}" -f UTF-8 "$l"
+        elif command -v sudo >/dev/null 2>&1; then
+            sudo localedef -i "${l%.*}" -f UTF-8 "$l"
+        else
+            echo "dev.sh: locale $l missing; its catalogue tests will skip" >&2
+        fi
+    done
+}
+
 build() {
     cmake --preset "$1" >/dev/null
     cmake --build --preset "$1"
@@ -44,13 +63,21 @@ demo)
     ;;
 check)
     install_deps
+    install_locales
     for preset in gcc clang asan; do
         build "$preset"
         ctest --preset "$preset"
     done
     ;;
+package)
+    install_deps
+    build gcc
+    rm -rf build/package
+    cpack --config build/gcc/CPackConfig.cmake -B build/package >/dev/null
+    ls build/package/*.deb
+    ;;
 *)
-    echo "usage: $0 demo|check" >&2
+    echo "usage: $0 demo|check|package" >&2
     exit 2
     ;;
 esac
