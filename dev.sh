@@ -5,6 +5,8 @@
 #   ./dev.sh demo     build, then mount with -o cluster inside odm-sandbox
 #   ./dev.sh check    build with g++, clang++ and the sanitizers, then run
 #                     every test in each
+#   ./dev.sh bench    build as shipped, then count the helper's start-up against
+#                     /bin/true, a C floor and mount(8) (bench/README.md)
 #   ./dev.sh package  build, then make the Debian package build/package/*.deb
 set -eu
 cd "$(dirname "$0")"
@@ -12,6 +14,9 @@ cd "$(dirname "$0")"
 # Debian packages the build and the tests need.
 PACKAGES="cmake ninja-build g++ clang libgtest-dev nlohmann-json3-dev libc-bin util-linux mount"
 PACKAGES="$PACKAGES dpkg-dev lintian mandoc man-db locales"
+
+# What the benchmark runs under, besides the build's own.
+BENCH_PACKAGES="valgrind hyperfine time binutils"
 
 # Locales the catalogue tests look messages up in; their tests skip without.
 LOCALES="en_US.UTF-8 de_DE.UTF-8"
@@ -69,6 +74,12 @@ check)
         ctest --preset "$preset"
     done
     ;;
+bench)
+    PACKAGES="$PACKAGES $BENCH_PACKAGES"
+    install_deps
+    build release
+    bench/run.sh build/release
+    ;;
 package)
     install_deps
     build gcc
@@ -77,7 +88,7 @@ package)
     ls build/package/*.deb
     ;;
 *)
-    echo "usage: $0 demo|check|package" >&2
+    echo "usage: $0 demo|check|package|bench" >&2
     exit 2
     ;;
 esac
