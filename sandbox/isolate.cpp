@@ -42,17 +42,17 @@ void enter_namespaces()
     // Real root needs no user namespace and keeps seeing files as they are.
     if (uid != 0 || unshare(CLONE_NEWNS) != 0) {
         if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
-            die("cannot create a user and mount namespace: %s "
+            die("%scannot create a user and mount namespace: %s "
                 "(user namespaces may be disabled here: see "
                 "kernel.unprivileged_userns_clone and user.max_user_namespaces)",
-                strerror(errno));
+                UNAVAILABLE, strerror(errno));
         write_file("/proc/self/setgroups", "deny");
         write_file("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
         write_file("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
     }
     // Without this our mounts would propagate back into the real system.
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        die("cannot make mounts private: %s", strerror(errno));
+        die("%scannot make mounts private: %s", UNAVAILABLE, strerror(errno));
 }
 
 int open_dir(const char* path)
@@ -108,7 +108,7 @@ void overlay(const char* target, int lower, int base, const char* name)
     std::string opts = "lowerdir=" + fd_path(lower) + ",upperdir=" + fd_path(base) + "/" +
                        layers + ",workdir=" + fd_path(base) + "/" + work;
     if (mount("odm-sandbox", target, "overlay", 0, opts.c_str()) != 0)
-        die("cannot put an overlay on %s: %s", target, strerror(errno));
+        die("%scannot put an overlay on %s: %s", UNAVAILABLE, target, strerror(errno));
 }
 
 // An overlay cannot take the real /dev as its lower layer inside a user
@@ -182,7 +182,7 @@ void make_throwaway(const scene& sc)
     // The upper layers live on a tmpfs that the /etc overlay then covers, so
     // that nothing inside the sandbox can reach them by a path.
     if (mount("odm-sandbox", "/etc", "tmpfs", 0, "mode=700") != 0)
-        die("cannot mount a tmpfs: %s", strerror(errno));
+        die("%scannot mount a tmpfs: %s", UNAVAILABLE, strerror(errno));
     int base = open_dir("/etc");
     overlay("/opt", real_opt, base, "opt");
     if (real_sbin >= 0)

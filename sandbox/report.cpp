@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -190,22 +189,6 @@ json tool_runs()
     std::sort(runs.begin(), runs.end(),
               [](const json& a, const json& b) { return a["time"] < b["time"]; });
     return runs;
-}
-
-void count_write_opens(run_record& run)
-{
-    alignas(inotify_event) char buf[4096];
-    ssize_t n;
-    while ((n = read(run.inotify, buf, sizeof buf)) > 0) {
-        for (char* p = buf; p < buf + n;) {
-            auto* ev = reinterpret_cast<inotify_event*>(p);
-            if (ev->mask & IN_CLOSE_WRITE)
-                for (control_file& cf : run.controls)
-                    if (cf.watch == ev->wd)
-                        ++cf.write_opens;
-            p += sizeof(inotify_event) + ev->len;
-        }
-    }
 }
 
 json scene_json(const options& opt)

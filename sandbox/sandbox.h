@@ -18,6 +18,10 @@ namespace sandbox {
 inline constexpr int EXIT_TIMED_OUT = 124;
 inline constexpr int EXIT_SANDBOX_FAILED = 125;
 
+// Heads every complaint about what this kernel or its settings deny us, as
+// opposed to a fault of ours: the tests skip on it, and fail on the rest.
+inline constexpr const char* UNAVAILABLE = "this system cannot provide a sandbox: ";
+
 inline constexpr const char* MTAB_PATH = "/etc/mtab";
 inline constexpr const char* MTAB_LOCK_PATH = "/etc/mtab~";
 inline constexpr const char* ODM_DIR = "/dev/odm";
@@ -107,6 +111,7 @@ void isolate(const scene& sc);
 
 // supervise.cpp
 run_record supervise(const options& opt);
+void count_write_opens(run_record& run);
 
 // report.cpp
 int exit_status(const run_record& run);

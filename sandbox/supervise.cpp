@@ -139,7 +139,8 @@ int receive_fd(int sock)
     long listener = syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER,
                             SECCOMP_FILTER_FLAG_NEW_LISTENER, &prog);
     if (listener < 0) {
-        complain("cannot install the seccomp filter: %s", strerror(errno));
+        complain("%scannot install a seccomp filter with a listener: %s", UNAVAILABLE,
+                 strerror(errno));
         _exit(EXIT_SANDBOX_FAILED);
     }
     if (!send_fd(sock, static_cast<int>(listener))) {
@@ -365,7 +366,9 @@ private:
         }
         cf.dev = st.st_dev;
         cf.ino = st.st_ino;
-        cf.watch = inotify_add_watch(run_.inotify, file.c_str(), IN_CLOSE_WRITE);
+        // IN_OPEN only to keep two closes apart: inotify merges an event
+        // into an identical one still unread at the end of its queue.
+        cf.watch = inotify_add_watch(run_.inotify, file.c_str(), IN_OPEN | IN_CLOSE_WRITE);
         if (opt_.sc.control == control_scene::readonly &&
             mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0)
             complain("cannot make %s read-only: %s", dir.c_str(), strerror(errno));
@@ -539,6 +542,22 @@ double now_seconds()
 
 }  // namespace
 
+void count_write_opens(run_record& run)
+{
+    alignas(inotify_event) char buf[4096];
+    ssize_t n;
+    while ((n = read(run.inotify, buf, sizeof buf)) > 0) {
+        for (char* p = buf; p < buf + n;) {
+            auto* ev = reinterpret_cast<inotify_event*>(p);
+            if (ev->mask & IN_CLOSE_WRITE)
+                for (control_file& cf : run.controls)
+                    if (cf.watch == ev->wd)
+                        ++cf.write_opens;
+            p += sizeof(inotify_event) + ev->len;
+        }
+    }
+}
+
 run_record supervise(const options& opt)
 {
     run_record run;
@@ -576,11 +595,12 @@ run_record supervise(const options& opt)
     double deadline = opt.timeout > 0 ? now_seconds() + opt.timeout : 0;
     bool child_reaped = false;
     while (!child_reaped) {
-        pollfd fds[2] = {{sigfd, POLLIN, 0}, {listener, POLLIN, 0}};
+        // The listener goes last, so that it can drop out of the set.
+        pollfd fds[3] = {{sigfd, POLLIN, 0}, {run.inotify, POLLIN, 0}, {listener, POLLIN, 0}};
         int wait_ms = -1;
         if (deadline > 0)
             wait_ms = std::max(0, static_cast<int>(std::ceil((deadline - now_seconds()) * 1000)));
-        int ready = poll(fds, listener >= 0 ? 2 : 1, wait_ms);
+        int ready = poll(fds, listener >= 0 ? 3 : 2, wait_ms);
         if (ready < 0 && errno != EINTR)
             die("poll: %s", strerror(errno));
         if (ready == 0) {
@@ -600,9 +620,12 @@ run_record supervise(const options& opt)
                 }
             }
         }
-        if (listener >= 0 && (fds[1].revents & POLLIN))
+        // Read as they come, so that closes close together are not merged.
+        if (fds[1].revents & POLLIN)
+            count_write_opens(run);
+        if (listener >= 0 && (fds[2].revents & POLLIN))
             sup.serve();
-        else if (listener >= 0 && (fds[1].revents & (POLLHUP | POLLERR))) {
+        else if (listener >= 0 && (fds[2].revents & (POLLHUP | POLLERR))) {
             // Nobody is left under the filter.
             close(listener);
             listener = -1;
