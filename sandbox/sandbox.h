@@ -79,7 +79,7 @@ struct mount_call {
 
 // The control file of one emulated mount.
 struct control_file {
-    std::string dir;
+    std::string dir;  // as the caller named it
     int fd = -1;  // read-only, so that it is never counted as a writer
     int watch = -1;
     dev_t dev = 0;

@@ -126,10 +126,17 @@ int receive_fd(int sock)
 {
     // COMMAND starts from the default dispositions whatever we were started
     // with: a caller's nohup or '&' would otherwise show up as signals the
-    // helper ignored.
+    // helper ignored. Straight to the kernel, because glibc will not touch
+    // its own 32 and 33, which posix_spawn leaves ignored.
+    struct {
+        void (*handler)(int);
+        unsigned long flags;
+        void (*restorer)();
+        std::uint64_t mask;
+    } dfl{SIG_DFL, 0, nullptr, 0};
     for (int sig = 1; sig < NSIG; ++sig)
         if (sig != SIGKILL && sig != SIGSTOP)
-            signal(sig, SIG_DFL);
+            syscall(SYS_rt_sigaction, sig, &dfl, nullptr, sizeof dfl.mask);
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -348,15 +355,16 @@ private:
             return err;
         }
         if (opt_.sc.control != control_scene::missing)
-            m.control = add_control(path);
+            m.control = add_control(path, *m.target);
         return 0;
     }
 
-    int add_control(const std::string& dir)
+    // `dir` is where we can reach it, `given` what the caller asked for.
+    int add_control(const std::string& dir, const std::string& given)
     {
         std::string file = dir + "/" + CONTROL_NAME;
         control_file cf;
-        cf.dir = dir;
+        cf.dir = given;
         // Read-only, so that our own descriptor never counts as a writer.
         cf.fd = open(file.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         struct stat st;
