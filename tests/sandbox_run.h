@@ -59,8 +59,12 @@ inline sandbox_result run_sandbox(const std::vector<std::string>& options,
     argv.push_back(nullptr);
 
     sandbox_result r;
+    // Appending: a memfd's offset is not locked like a file's, and helpers
+    // running at once would overwrite each other's lines.
     int out = memfd_create("stdout", MFD_CLOEXEC);
     int err = memfd_create("stderr", MFD_CLOEXEC);
+    fcntl(out, F_SETFL, O_APPEND);
+    fcntl(err, F_SETFL, O_APPEND);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
