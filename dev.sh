@@ -64,7 +64,7 @@ demo)
     install_deps
     build gcc
     bin=build/gcc
-    "$bin/sandbox/odm-sandbox" -- "$bin/mount/mount.qeodmfs" -o cluster
+    "$bin/sandbox/odm-sandbox" --tolvane-record -- "$bin/mount/mount.qeodmfs" -o cluster
     ;;
 check)
     install_deps
