@@ -13,13 +13,22 @@
 
 namespace sandbox {
 
+namespace {
+
+void vcomplain(const char* fmt, va_list ap)
+{
+    fputs("odm-sandbox: ", stderr);
+    vfprintf(stderr, fmt, ap);
+    fputc('\n', stderr);
+}
+
+}  // namespace
+
 void complain(const char* fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    fputs("odm-sandbox: ", stderr);
-    vfprintf(stderr, fmt, ap);
-    fputc('\n', stderr);
+    vcomplain(fmt, ap);
     va_end(ap);
 }
 
@@ -27,9 +36,7 @@ void die(const char* fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    fputs("odm-sandbox: ", stderr);
-    vfprintf(stderr, fmt, ap);
-    fputc('\n', stderr);
+    vcomplain(fmt, ap);
     va_end(ap);
     exit(EXIT_SANDBOX_FAILED);
 }
@@ -60,13 +67,23 @@ constexpr const char* USAGE =
     "  --fast-sleep                  sleeps of COMMAND return at once\n"
     "See sandbox/README.md.\n";
 
-[[noreturn]] void usage_error(const char* fmt, const char* arg)
+[[noreturn, gnu::format(printf, 1, 2)]] void usage_error(const char* fmt, ...)
 {
-    fputs("odm-sandbox: ", stderr);
-    fprintf(stderr, fmt, arg);
-    fputc('\n', stderr);
+    va_list ap;
+    va_start(ap, fmt);
+    vcomplain(fmt, ap);
+    va_end(ap);
     fputs(USAGE, stderr);
     exit(EXIT_SANDBOX_FAILED);
+}
+
+template <std::size_t N>
+int choose(const char* option, const char* arg, const std::array<const char*, N>& words)
+{
+    for (std::size_t i = 0; i < N; ++i)
+        if (strcmp(arg, words[i]) == 0)
+            return static_cast<int>(i);
+    usage_error("%s: unknown kind '%s'", option, arg);
 }
 
 int parse_errno(const char* text)
@@ -144,14 +161,7 @@ options parse_options(int argc, char** argv)
         std::string_view arg = optarg ? optarg : "";
         switch (c) {
         case OPT_MTAB:
-            if (arg == "file")
-                sc.mtab = mtab_scene::file;
-            else if (arg == "symlink")
-                sc.mtab = mtab_scene::symlink;
-            else if (arg == "missing")
-                sc.mtab = mtab_scene::missing;
-            else
-                usage_error("--mtab: unknown kind '%s'", optarg);
+            sc.mtab = static_cast<mtab_scene>(choose("--mtab", optarg, MTAB_SCENES));
             break;
         case OPT_MTAB_CONTENT:
             sc.mtab_content = arg;
@@ -176,16 +186,7 @@ options parse_options(int argc, char** argv)
             sc.messages_dir = absolute(optarg, true);
             break;
         case OPT_CONTROL:
-            if (arg == "normal")
-                sc.control = control_scene::normal;
-            else if (arg == "missing")
-                sc.control = control_scene::missing;
-            else if (arg == "readonly")
-                sc.control = control_scene::readonly;
-            else if (arg == "short")
-                sc.control = control_scene::short_write;
-            else
-                usage_error("--control: unknown kind '%s'", optarg);
+            sc.control = static_cast<control_scene>(choose("--control", optarg, CONTROL_SCENES));
             break;
         case OPT_MOUNT_ERRNO:
             opt.mount_errno = parse_errno(optarg);

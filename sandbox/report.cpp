@@ -194,16 +194,13 @@ json tool_runs()
 json scene_json(const options& opt)
 {
     const scene& sc = opt.sc;
-    constexpr const char* mtab[] = {"file", "symlink", "missing"};
-    constexpr const char* tool[] = {"absent", "program", "recorder", "noexec"};
-    constexpr const char* control[] = {"normal", "missing", "readonly", "short"};
     return {
-        {"mtab", mtab[static_cast<int>(sc.mtab)]},
+        {"mtab", MTAB_SCENES[static_cast<std::size_t>(sc.mtab)]},
         {"mtab_locked", sc.mtab_locked},
         {"odm", sc.odm_present},
-        {"tolvane", tool[static_cast<int>(sc.tool)]},
+        {"tolvane", TOOL_SCENES[static_cast<std::size_t>(sc.tool)]},
         {"messages", sc.messages_dir.empty() ? json(nullptr) : json(sc.messages_dir)},
-        {"control", control[static_cast<int>(sc.control)]},
+        {"control", CONTROL_SCENES[static_cast<std::size_t>(sc.control)]},
         {"mount_errno", opt.mount_errno ? json(errno_name(opt.mount_errno)) : json(nullptr)},
         {"helper", sc.helper.empty() ? json(nullptr) : json(sc.helper)},
         {"fast_sleep", opt.fast_sleep},

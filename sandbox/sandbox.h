@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -35,9 +36,14 @@ inline constexpr const char* MODULE_TYPE = "qeodmfs";
 // the real system never sees it.
 inline constexpr const char* STATE_DIR = "/dev/.odm-sandbox";
 
+// Each scene's words, as options take them and the report gives them, in
+// the order of its enumerators.
 enum class mtab_scene { file, symlink, missing };
 enum class tool_scene { absent, program, recorder, noexec };
 enum class control_scene { normal, missing, readonly, short_write };
+inline constexpr std::array<const char*, 3> MTAB_SCENES{"file", "symlink", "missing"};
+inline constexpr std::array<const char*, 4> TOOL_SCENES{"absent", "program", "recorder", "noexec"};
+inline constexpr std::array<const char*, 4> CONTROL_SCENES{"normal", "missing", "readonly", "short"};
 
 struct scene {
     mtab_scene mtab = mtab_scene::file;

@@ -82,37 +82,41 @@ std::vector<sock_filter> build_filter(const options& opt)
     return f;
 }
 
-bool send_fd(int sock, int fd)
-{
+// One byte of payload and room for one descriptor beside it.
+struct fd_message {
     char byte = 0;
     iovec iov{&byte, 1};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
     msghdr msg{};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof control;
-    cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+
+    fd_message()
+    {
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof control;
+    }
+    fd_message(const fd_message&) = delete;
+    fd_message& operator=(const fd_message&) = delete;
+};
+
+bool send_fd(int sock, int fd)
+{
+    fd_message m;
+    cmsghdr* cmsg = CMSG_FIRSTHDR(&m.msg);
     cmsg->cmsg_level = SOL_SOCKET;
     cmsg->cmsg_type = SCM_RIGHTS;
     cmsg->cmsg_len = CMSG_LEN(sizeof(int));
     memcpy(CMSG_DATA(cmsg), &fd, sizeof fd);
-    return sendmsg(sock, &msg, 0) == 1;
+    return sendmsg(sock, &m.msg, 0) == 1;
 }
 
 int receive_fd(int sock)
 {
-    char byte;
-    iovec iov{&byte, 1};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr msg{};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof control;
-    if (recvmsg(sock, &msg, MSG_CMSG_CLOEXEC) != 1)
+    fd_message m;
+    if (recvmsg(sock, &m.msg, MSG_CMSG_CLOEXEC) != 1)
         return -1;
-    cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+    cmsghdr* cmsg = CMSG_FIRSTHDR(&m.msg);
     if (!cmsg || cmsg->cmsg_type != SCM_RIGHTS)
         return -1;
     int fd;
