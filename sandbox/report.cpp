@@ -294,13 +294,13 @@ void print_report(const json& r)
     }
     fprintf(stderr, "odm-sandbox: lock files in /etc: %s\n", joined(r["lock_files"]).c_str());
 
+    for (const json& t : r["tool_runs"])
+        fprintf(stderr, "odm-sandbox: pid %d: ran %s; ignored signals: %s\n", t["pid"].get<int>(),
+                joined(t["argv"]).c_str(), joined(t["ignored_signals"]).c_str());
     if (const json& c = r["control"]; !c.is_null())
         fprintf(stderr, "odm-sandbox: %s/%s: %s, opened for writing %d time(s)\n",
                 c["dir"].get<std::string>().c_str(), CONTROL_NAME, quoted(c["content"]).c_str(),
                 c["write_opens"].get<int>());
-    for (const json& t : r["tool_runs"])
-        fprintf(stderr, "odm-sandbox: pid %d: ran %s; ignored signals: %s\n", t["pid"].get<int>(),
-                joined(t["argv"]).c_str(), joined(t["ignored_signals"]).c_str());
 
     const json& cmd = r["command"];
     if (cmd["timed_out"].get<bool>())

@@ -21,12 +21,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <algorithm>
 #include <map>
 #include <optional>
 #include <set>
