@@ -63,6 +63,7 @@ constexpr const char* USAGE =
     "  --control normal|missing|readonly|short\n"
     "                                the control file 'cluster' of a new mount\n"
     "  --mount-errno NAME            the module refuses every mount with errno NAME\n"
+    "  --fork-errno NAME             every fork of COMMAND's tree fails with errno NAME\n"
     "  --helper FILE                 FILE appears as /sbin/mount.qeodmfs\n"
     "  --fast-sleep                  sleeps of COMMAND return at once\n"
     "See sandbox/README.md.\n";
@@ -125,6 +126,7 @@ enum long_only : int {
     OPT_MESSAGES,
     OPT_CONTROL,
     OPT_MOUNT_ERRNO,
+    OPT_FORK_ERRNO,
     OPT_HELPER,
     OPT_FAST_SLEEP,
     OPT_TIMEOUT,
@@ -142,6 +144,7 @@ constexpr option LONG_OPTIONS[] = {
     {"messages", required_argument, nullptr, OPT_MESSAGES},
     {"control", required_argument, nullptr, OPT_CONTROL},
     {"mount-errno", required_argument, nullptr, OPT_MOUNT_ERRNO},
+    {"fork-errno", required_argument, nullptr, OPT_FORK_ERRNO},
     {"helper", required_argument, nullptr, OPT_HELPER},
     {"fast-sleep", no_argument, nullptr, OPT_FAST_SLEEP},
     {"timeout", required_argument, nullptr, OPT_TIMEOUT},
@@ -190,6 +193,9 @@ options parse_options(int argc, char** argv)
             break;
         case OPT_MOUNT_ERRNO:
             opt.mount_errno = parse_errno(optarg);
+            break;
+        case OPT_FORK_ERRNO:
+            opt.fork_errno = parse_errno(optarg);
             break;
         case OPT_HELPER:
             sc.helper = absolute(optarg, false);

@@ -202,6 +202,7 @@ json scene_json(const options& opt)
         {"messages", sc.messages_dir.empty() ? json(nullptr) : json(sc.messages_dir)},
         {"control", CONTROL_SCENES[static_cast<std::size_t>(sc.control)]},
         {"mount_errno", opt.mount_errno ? json(errno_name(opt.mount_errno)) : json(nullptr)},
+        {"fork_errno", opt.fork_errno ? json(errno_name(opt.fork_errno)) : json(nullptr)},
         {"helper", sc.helper.empty() ? json(nullptr) : json(sc.helper)},
         {"fast_sleep", opt.fast_sleep},
     };

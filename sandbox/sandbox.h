@@ -60,6 +60,7 @@ struct scene {
 struct options {
     scene sc;
     int mount_errno = 0;
+    int fork_errno = 0;  // refuse every new process of COMMAND's tree
     bool fast_sleep = false;
     double timeout = 0;  // seconds, 0 for none
     std::string json_path;

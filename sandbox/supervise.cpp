@@ -69,6 +69,19 @@ std::vector<sock_filter> build_filter(const options& opt)
         jump(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(nr), 0, 1);
         stmt(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF);
     }
+    if (opt.fork_errno != 0) {
+        // Refused in the kernel: nothing for the supervisor to answer.
+        std::vector<long> forks{SYS_clone, SYS_clone3};
+#ifdef SYS_fork
+        forks.push_back(SYS_fork);
+        forks.push_back(SYS_vfork);
+#endif
+        for (long nr : forks) {
+            jump(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(nr), 0, 1);
+            stmt(BPF_RET | BPF_K,
+                 SECCOMP_RET_ERRNO | (static_cast<std::uint32_t>(opt.fork_errno) & SECCOMP_RET_DATA));
+        }
+    }
     if (opt.sc.control == control_scene::short_write) {
         // A control file is never stdin, stdout or stderr; leaving those
         // alone keeps the round trips down. The low half of args[0] on a
