@@ -211,17 +211,17 @@ TEST_F(MountE2eTest, ConcurrentHelpersShareTheTable)
     EXPECT_EQ(r.report["lock_files"], json(leftovers));
 }
 
-// mount(8) finds the helper by type and passes the options after the
-// operands, "rw" first.
-TEST_F(MountE2eTest, UtilLinuxMountRunsTheHelper)
+// Without a child there is no tool; the mount and the switch still stand.
+TEST_F(MountE2eTest, ForkFailureIsAWarning)
 {
-    const sandbox_result r = run_sandbox({"--helper", HELPER_PATH},
-                                         {"mount", "-t", "qeodmfs", "-o", "cluster", "none", "/dev/odm"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    ASSERT_EQ(r.report["mounts"].size(), 1u) << r.err;
-    EXPECT_EQ(r.report["mounts"][0]["type"], "qeodmfs");
-    EXPECT_EQ(r.report["mounts"][0]["data"]["requested"], 0x2);
-    EXPECT_EQ(r.report["mtab"]["content"], "none /dev/odm qeodmfs rw,cluster,smartsync 0 0\n");
+    const sandbox_result r =
+        helper({"-o", "cluster"}, {"--fork-errno", "EAGAIN", "--tolvane-record"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "ODM mount WARNING T-41-1-0-0-10 could not fork /opt/KELD/bin/tolvane\n");
+    EXPECT_TRUE(r.report["tool_runs"].empty());
+    EXPECT_EQ(r.report["control"]["content"], "on");
+    EXPECT_EQ(r.report["mtab"]["content"], "none /dev/odm qeodmfs cluster,smartsync 0 0\n");
 }
 
 }  // namespace
