@@ -64,6 +64,7 @@ constexpr const char* USAGE =
     "                                the control file 'cluster' of a new mount\n"
     "  --mount-errno NAME            the module refuses every mount with errno NAME\n"
     "  --fork-errno NAME             every fork of COMMAND's tree fails with errno NAME\n"
+    "  --hold-mount                  never answer a mount: its caller waits until killed\n"
     "  --helper FILE                 FILE appears as /sbin/mount.qeodmfs\n"
     "  --fast-sleep                  sleeps of COMMAND return at once\n"
     "See sandbox/README.md.\n";
@@ -127,6 +128,7 @@ enum long_only : int {
     OPT_CONTROL,
     OPT_MOUNT_ERRNO,
     OPT_FORK_ERRNO,
+    OPT_HOLD_MOUNT,
     OPT_HELPER,
     OPT_FAST_SLEEP,
     OPT_TIMEOUT,
@@ -145,6 +147,7 @@ constexpr option LONG_OPTIONS[] = {
     {"control", required_argument, nullptr, OPT_CONTROL},
     {"mount-errno", required_argument, nullptr, OPT_MOUNT_ERRNO},
     {"fork-errno", required_argument, nullptr, OPT_FORK_ERRNO},
+    {"hold-mount", no_argument, nullptr, OPT_HOLD_MOUNT},
     {"helper", required_argument, nullptr, OPT_HELPER},
     {"fast-sleep", no_argument, nullptr, OPT_FAST_SLEEP},
     {"timeout", required_argument, nullptr, OPT_TIMEOUT},
@@ -196,6 +199,9 @@ options parse_options(int argc, char** argv)
             break;
         case OPT_FORK_ERRNO:
             opt.fork_errno = parse_errno(optarg);
+            break;
+        case OPT_HOLD_MOUNT:
+            opt.hold_mount = true;
             break;
         case OPT_HELPER:
             sc.helper = absolute(optarg, false);

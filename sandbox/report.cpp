@@ -129,6 +129,7 @@ json mount_json(const mount_call& m, const run_record& run)
         {"flags", m.flags},
         {"handled_by", m.emulated ? "module" : "kernel"},
         {"errno", m.emulated && m.error ? json(errno_name(m.error)) : json(nullptr)},
+        {"held", m.held},
         {"data", nullptr},
         {"mtab_lock_present", m.lock_present},
         {"mtab_temp_present", m.temp_present},
@@ -203,6 +204,7 @@ json scene_json(const options& opt)
         {"control", CONTROL_SCENES[static_cast<std::size_t>(sc.control)]},
         {"mount_errno", opt.mount_errno ? json(errno_name(opt.mount_errno)) : json(nullptr)},
         {"fork_errno", opt.fork_errno ? json(errno_name(opt.fork_errno)) : json(nullptr)},
+        {"hold_mount", opt.hold_mount},
         {"helper", sc.helper.empty() ? json(nullptr) : json(sc.helper)},
         {"fast_sleep", opt.fast_sleep},
     };
@@ -259,7 +261,9 @@ void print_mount(const json& m)
         fprintf(stderr, ", {version %u, size %u, requested %#" PRIx64 ", available %#" PRIx64 "})",
                 d["version"].get<unsigned>(), d["size"].get<unsigned>(),
                 d["requested"].get<std::uint64_t>(), d["available"].get<std::uint64_t>());
-    if (m["errno"].is_null())
+    if (m["held"].get<bool>())
+        fputs(" held, never answered\n", stderr);
+    else if (m["errno"].is_null())
         fputs(" = 0\n", stderr);
     else
         fprintf(stderr, " = -1 %s\n", m["errno"].get<std::string>().c_str());

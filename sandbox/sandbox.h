@@ -61,6 +61,7 @@ struct options {
     scene sc;
     int mount_errno = 0;
     int fork_errno = 0;  // refuse every new process of COMMAND's tree
+    bool hold_mount = false;  // leave every qeodmfs mount unanswered
     bool fast_sleep = false;
     double timeout = 0;  // seconds, 0 for none
     std::string json_path;
@@ -81,6 +82,7 @@ struct mount_call {
     std::uint64_t ignored = 0;  // SigIgn of the caller
     bool emulated = false;      // false: handed on to the kernel
     int error = 0;              // what the module answered, 0 for success
+    bool held = false;          // never answered: --hold-mount
     int control = -1;           // index into run_record::controls
 };
 

@@ -345,6 +345,19 @@ private:
         std::vector<unsigned char> record(RECORD_SIZE);
         if (c.read(req.data.args[4], record.data(), record.size()))
             m.data = record;
+        if (opt_.hold_mount) {
+            // No answer: the caller stays inside mount(2) until it is
+            // killed. The file tells COMMAND that it has got that far.
+            m.held = true;
+            run_.mounts.push_back(m);
+            std::string mark = std::string(STATE_DIR) + "/held." + std::to_string(m.pid);
+            int fd = open(mark.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+            if (fd < 0)
+                complain("cannot create %s: %s", mark.c_str(), strerror(errno));
+            else
+                close(fd);
+            return;
+        }
         m.error = req.data.args[4] == 0 ? EINVAL : emulate(req, m);
         run_.mounts.push_back(m);
         reply(req, 0, m.error);
