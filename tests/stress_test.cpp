@@ -73,9 +73,28 @@ void parse_into(const std::string& text, outcome& o)
     }
 }
 
+// One random run: what the helper is given, and what it must end in.
+struct random_run {
+    std::vector<std::string> scene{"--fast-sleep", "--timeout", "60"};
+    std::vector<std::string> command{"env"};
+    std::string kind;  // of /etc/mtab
+    std::string old;   // what /etc/mtab held
+    bool held = false;
+    bool refused = false;
+    bool locks = false;   // went on to try for the lock
+    bool mounts = false;  // went on to call mount(2)
+    outcome o;
+};
+
 class RandomRunTest : public SandboxTest {
 protected:
-    std::mt19937 rng;
+    std::mt19937 rng{seed()};
+
+    static unsigned seed()
+    {
+        const char* text = std::getenv("ODM_RANDOM_SEED");
+        return text ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : 1;
+    }
 
     bool chance(double p) { return std::bernoulli_distribution(p)(rng); }
 
@@ -97,23 +116,13 @@ protected:
             text += (text.empty() ? "" : ",") + (chance(0.1) ? pick(odd) : pick(words));
         return chance(0.1) ? text + "," : text;
     }
-};
 
-// The invariants hold whatever the input: a known status, no sanitizer
-// report, nothing left in /etc but the held-lock case's files, the table
-// grown by at most one whole line, and the kernel given the parsed mask.
-TEST_F(RandomRunTest, InvariantsHoldForRandomRuns)
-{
-    const char* seed_text = std::getenv("ODM_RANDOM_SEED");
-    const char* runs_text = std::getenv("ODM_RANDOM_RUNS");
-    const auto seed = static_cast<unsigned>(seed_text ? std::strtoul(seed_text, nullptr, 10) : 1);
-    const int runs = runs_text ? std::atoi(runs_text) : 60;
-    rng.seed(seed);
-
-    for (int run = 0; run < runs; ++run) {
-        std::vector<std::string> command{"env"};
+    // Options in the order getopt meets them; the first that ends the
+    // helper decides its status.
+    void command_line(random_run& run)
+    {
         std::vector<std::string> argv{HELPER_PATH};
-        outcome o;
+        outcome& o = run.o;
         for (int items = std::uniform_int_distribution<int>(0, 4)(rng); items > 0; --items) {
             const int kind = std::uniform_int_distribution<int>(0, 19)(rng);
             if (kind < 11) {
@@ -132,100 +141,115 @@ TEST_F(RandomRunTest, InvariantsHoldForRandomRuns)
                 // -h, an unknown letter and a missing argument all end in
                 // the usage line with status 0; -L ends silently.
                 argv.push_back(pick<std::string>({"-h", "-x", "-L", "-?"}));
-                if (!o.status)
-                    o.status = 0;
+                o.status = o.status.value_or(0);
             }
         }
         if (chance(0.05)) {
-            argv.push_back("-o");
-            if (!o.status)
-                o.status = 0;
+            argv.emplace_back("-o");
+            o.status = o.status.value_or(0);
         }
         if (chance(0.3)) {
             const std::string env = suboptions();
-            command.push_back("QEODM_MOUNT_OPTS=" + env);
+            run.command.push_back("QEODM_MOUNT_OPTS=" + env);
             if (!o.status)
                 parse_into(env, o);
         } else {
-            command.insert(command.end(), {"-u", "QEODM_MOUNT_OPTS"});
+            run.command.insert(run.command.end(), {"-u", "QEODM_MOUNT_OPTS"});
         }
-        command.insert(command.end(), argv.begin(), argv.end());
-        const bool options_pass = !o.status;
-        if (options_pass && (std::popcount(o.mask & OPT_ALL_MODES) > 1 ||
-                             (o.mask & OPT_SMARTSYNC && o.mask & OPT_NOSMARTSYNC)))
+        run.command.insert(run.command.end(), argv.begin(), argv.end());
+        const bool conflict = std::popcount(o.mask & OPT_ALL_MODES) > 1 ||
+                              ((o.mask & OPT_SMARTSYNC) != 0 && (o.mask & OPT_NOSMARTSYNC) != 0);
+        if (!o.status && conflict)
             o.status = 255;
-        const bool locks = !o.status;
+        run.locks = !o.status;
+    }
 
-        std::vector<std::string> scene{"--fast-sleep", "--timeout", "60"};
-        const std::string kind = pick<std::string>({"file", "file", "file", "file", "symlink", "missing"});
-        const std::string old = pick<std::string>({"", "proc /proc proc rw 0 0\n",
-                                                   ENTRY_PREFIX + "cluster,smartsync 0 0\n"});
-        scene.insert(scene.end(), {"--mtab", kind, "--mtab-content", old});
-        const bool held = chance(0.1);
-        const bool no_odm = chance(0.08);
-        const bool refused = chance(0.08);
-        const std::string control =
+    void scene(random_run& run)
+    {
+        run.kind = pick<std::string>({"file", "file", "file", "file", "symlink", "missing"});
+        run.old = pick<std::string>({"", "proc /proc proc rw 0 0\n", ENTRY_PREFIX + "cluster,smartsync 0 0\n"});
+        const auto control =
             pick<std::string>({"normal", "normal", "normal", "normal", "missing", "readonly", "short"});
-        scene.insert(scene.end(), {"--control", control});
-        if (held)
-            scene.push_back("--mtab-lock");
-        if (no_odm)
-            scene.push_back("--no-odm");
-        if (refused)
-            scene.insert(scene.end(), {"--mount-errno", "EIO"});
-        const std::string tool = pick<std::string>({"--tolvane-record", "--tolvane-noexec", ""});
-        if (!tool.empty())
-            scene.push_back(tool);
+        const auto tool = pick<std::string>({"--tolvane-record", "--tolvane-noexec", ""});
+        run.held = chance(0.1);
+        run.refused = chance(0.08);
+        const bool no_odm = chance(0.08);
+        auto& sc = run.scene;
+        sc.insert(sc.end(), {"--mtab", run.kind, "--mtab-content", run.old, "--control", control});
+        for (const auto& [on, words] : std::vector<std::pair<bool, std::vector<std::string>>>{
+                 {run.held, {"--mtab-lock"}},
+                 {no_odm, {"--no-odm"}},
+                 {run.refused, {"--mount-errno", "EIO"}},
+                 {!tool.empty(), {tool}},
+                 // A failed fork only costs the tool its run.
+                 {chance(0.05), {"--fork-errno", "EAGAIN"}}})
+            if (on)
+                sc.insert(sc.end(), words.begin(), words.end());
 
-        if (!o.status && kind == "missing")
+        outcome& o = run.o;
+        if (!o.status && (run.kind == "missing" || (run.held && run.kind == "file")))
             o.status = 1;
-        if (!o.status && held && kind == "file")
-            o.status = 1;
-        const bool mounts = !o.status && !no_odm;
+        run.mounts = !o.status && !no_odm;
         if (!o.status)
-            o.status = no_odm || refused || control != "normal" ? 255 : 0;
+            o.status = no_odm || run.refused || control != "normal" ? 255 : 0;
+    }
 
-        std::ostringstream plan;
-        for (const auto& w : scene)
-            plan << w << ' ';
-        plan << "--";
-        for (const auto& w : command)
-            plan << " '" << w << "'";
-        SCOPED_TRACE("seed " + std::to_string(seed) + ", run " + std::to_string(run) + ": " + plan.str());
-
-        const sandbox_result r = run_sandbox(scene, command);
-        ASSERT_TRUE(r.status == 0 || r.status == 1 || r.status == 2 || r.status == 255) << r.status << r.err;
-        EXPECT_EQ(r.status, *o.status) << r.err;
+    static void check(const random_run& run, const sandbox_result& r)
+    {
+        ASSERT_TRUE(r.status == 0 || r.status == 1 || r.status == 2 || r.status == 255)
+            << r.status << r.err;
+        EXPECT_EQ(r.status, *run.o.status) << r.err;
         EXPECT_FALSE(has_tool_report(r.err)) << r.err;
 
         const json& calls = r.report["mounts"];
-        ASSERT_EQ(calls.size(), mounts ? 1u : 0u) << r.err;
-        if (mounts) {
+        ASSERT_EQ(calls.size(), run.mounts ? 1U : 0U) << r.err;
+        if (run.mounts) {
             EXPECT_EQ(calls[0]["flags"], 0);
             EXPECT_EQ(calls[0]["data"]["version"], 2);
             EXPECT_EQ(calls[0]["data"]["size"], 32);
-            EXPECT_EQ(calls[0]["data"]["requested"], o.mask);
+            EXPECT_EQ(calls[0]["data"]["requested"], run.o.mask);
             EXPECT_EQ(calls[0]["data"]["available"], OPT_ALL_MODES);
         }
 
-        EXPECT_EQ(r.report["mtab"]["kind"], kind);
-        if (kind == "file") {
+        EXPECT_EQ(r.report["mtab"]["kind"], run.kind);
+        if (run.kind == "file") {
+            const bool entry = run.mounts && !run.refused;
             EXPECT_EQ(r.report["mtab"]["content"],
-                      old + (mounts && !refused ? entry_for(o.mask, o.rw) : ""));
+                      run.old + (entry ? entry_for(run.o.mask, run.o.rw) : ""));
         }
         // Only someone else's lock stays, with the temporary of a helper
         // that went on to try for it.
         const std::vector<std::string> left = r.report["lock_files"];
-        const bool temp = held && kind == "file" && locks;
-        ASSERT_EQ(left.size(), (held ? 1u : 0u) + (temp ? 1u : 0u));
-        if (held) {
+        const bool temp = run.held && run.kind == "file" && run.locks;
+        ASSERT_EQ(left.size(), (run.held ? 1U : 0U) + (temp ? 1U : 0U));
+        if (run.held) {
             EXPECT_EQ(left[0], "mtab~");
         }
         if (temp) {
             EXPECT_TRUE(std::regex_match(left[1], std::regex("mtab~[0-9]+")));
         }
-        if (HasFailure())
-            break;
+    }
+};
+
+// The invariants hold whatever the input: a known status, no sanitizer
+// report, nothing left in /etc but the held-lock case's files, the table
+// grown by at most one whole line, and the kernel given the parsed mask.
+TEST_F(RandomRunTest, InvariantsHoldForRandomRuns)
+{
+    const char* runs_text = std::getenv("ODM_RANDOM_RUNS");
+    const long runs = runs_text ? std::strtol(runs_text, nullptr, 10) : 60;
+    for (long n = 0; n < runs && !HasFailure(); ++n) {
+        random_run run;
+        command_line(run);
+        scene(run);
+        std::string plan = "seed " + std::to_string(seed()) + ", run " + std::to_string(n) + ":";
+        for (const auto& w : run.scene)
+            plan += " " + w;
+        plan += " --";
+        for (const auto& w : run.command)
+            plan += " '" + w + "'";
+        SCOPED_TRACE(plan);
+        check(run, run_sandbox(run.scene, run.command));
     }
 }
 
