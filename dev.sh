@@ -3,8 +3,10 @@
 # lacks, configures, builds, and then demonstrates or tests.
 #
 #   ./dev.sh demo     build, then mount with -o cluster inside odm-sandbox
-#   ./dev.sh check    build with g++, clang++ and the sanitizers, then run
-#                     every test in each
+#   ./dev.sh check    build with g++, clang++ and the sanitizers, run every
+#                     test in each, then lint and fuzz each target for 30 s
+#   ./dev.sh fuzz [S] run each fuzz target for S seconds (default 30)
+#   ./dev.sh lint     clang-tidy and cppcheck over the whole tree
 #   ./dev.sh bench    build as shipped, then count the helper's start-up against
 #                     /bin/true, a C floor and mount(8) (bench/README.md)
 #   ./dev.sh package  build, then make the Debian package build/package/*.deb
@@ -14,6 +16,8 @@ cd "$(dirname "$0")"
 # Debian packages the build and the tests need.
 PACKAGES="cmake ninja-build g++ clang libgtest-dev nlohmann-json3-dev libc-bin util-linux mount"
 PACKAGES="$PACKAGES dpkg-dev lintian mandoc man-db locales"
+# Lint, libFuzzer's runtime and memcheck.
+PACKAGES="$PACKAGES clang-tidy cppcheck libclang-rt-14-dev valgrind"
 
 # What the benchmark runs under, besides the build's own.
 BENCH_PACKAGES="valgrind hyperfine time binutils"
@@ -59,6 +63,42 @@ build() {
     cmake --build --preset "$1"
 }
 
+# Each fuzz target for $1 seconds, starting from its checked-in seeds. New
+# inputs stay in build/fuzz/corpus, a crashing one lands in build/fuzz/.
+fuzz() {
+    build fuzz
+    for t in msg subopts mtab_options; do
+        mkdir -p "build/fuzz/corpus/$t"
+        dict=
+        [ -f "tests/fuzz/$t.dict" ] && dict="-dict=tests/fuzz/$t.dict"
+        log="build/fuzz/fuzz_$t.log"
+        if ! "build/fuzz/tests/fuzz/fuzz_$t" -max_total_time="$1" -timeout=10 \
+            -print_final_stats=1 -artifact_prefix=build/fuzz/ $dict \
+            "build/fuzz/corpus/$t" "tests/fuzz/corpus/$t" >"$log" 2>&1; then
+            tail -n 40 "$log"
+            echo "dev.sh: fuzz_$t failed; see $log" >&2
+            exit 1
+        fi
+        echo "fuzz_$t: $(grep -o 'Done [0-9]* runs in [0-9]* second(s)' "$log")"
+    done
+}
+
+# clang-tidy (.clang-tidy) and cppcheck over every source the clang build
+# compiles, with that build's flags; any finding fails.
+lint() {
+    cmake --preset clang >/dev/null
+    db=build/clang/compile_commands.json
+    out=build/clang/lint.log
+    sed -n 's/^ *"file": "\(.*\)",*$/\1/p' "$db" | grep -v "^$PWD/build/" | sort -u |
+        xargs -r -n 2 -P "$(nproc)" clang-tidy -p build/clang --quiet >"$out" 2>/dev/null ||
+        { cat "$out"; echo "dev.sh: clang-tidy findings" >&2; exit 1; }
+    cppcheck --project="$db" -i"$PWD/build" --std=c++20 --library=googletest \
+        --enable=warning,style,performance,portability --inline-suppr \
+        --suppressions-list=cppcheck-suppressions.txt --error-exitcode=1 --quiet \
+        -D__x86_64__ -j "$(nproc)"
+    echo "lint: clean"
+}
+
 case "${1:-}" in
 demo)
     install_deps
@@ -73,6 +113,16 @@ check)
         build "$preset"
         ctest --preset "$preset"
     done
+    lint
+    fuzz 30
+    ;;
+fuzz)
+    install_deps
+    fuzz "${2:-30}"
+    ;;
+lint)
+    install_deps
+    lint
     ;;
 bench)
     PACKAGES="$PACKAGES $BENCH_PACKAGES"
@@ -88,7 +138,7 @@ package)
     ls build/package/*.deb
     ;;
 *)
-    echo "usage: $0 demo|check|package|bench" >&2
+    echo "usage: $0 demo|check|fuzz [SECONDS]|lint|package|bench" >&2
     exit 2
     ;;
 esac

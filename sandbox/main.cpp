@@ -83,7 +83,7 @@ template <std::size_t N>
 int choose(const char* option, const char* arg, const std::array<const char*, N>& words)
 {
     for (std::size_t i = 0; i < N; ++i)
-        if (strcmp(arg, words[i]) == 0)
+        if (strcmp(arg, words[i]) == 0)  // NOLINT(clang-analyzer-core.NonNullParamChecker): getopt sets optarg for every required argument
             return static_cast<int>(i);
     usage_error("%s: unknown kind '%s'", option, arg);
 }
@@ -91,7 +91,7 @@ int choose(const char* option, const char* arg, const std::array<const char*, N>
 int parse_errno(const char* text)
 {
     char* end = nullptr;
-    long number = strtol(text, &end, 10);
+    long number = strtol(text, &end, 10);  // NOLINT(clang-analyzer-core.NonNullParamChecker): getopt sets optarg for every required argument
     if (end != text && *end == '\0' && number > 0 && number < 4096)
         return static_cast<int>(number);
     for (int err = 1; err < 4096; ++err) {
@@ -211,7 +211,7 @@ options parse_options(int argc, char** argv)
             break;
         case OPT_TIMEOUT: {
             char* end = nullptr;
-            opt.timeout = strtod(optarg, &end);
+            opt.timeout = strtod(optarg, &end);  // NOLINT(clang-analyzer-core.NonNullParamChecker): getopt sets optarg for every required argument
             if (end == optarg || *end != '\0' || !(opt.timeout > 0))
                 usage_error("--timeout: not a positive number of seconds: '%s'", optarg);
             break;

@@ -21,8 +21,6 @@
 
 #include "sandbox.h"
 
-extern char** environ;
-
 namespace sandbox {
 
 using json = nlohmann::ordered_json;

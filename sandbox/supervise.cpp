@@ -503,7 +503,8 @@ std::vector<process> descendants()
             long pid = strtol(ent->d_name, &end, 10);
             if (*end != '\0' || pid <= 0)
                 continue;
-            char path[64], text[512];
+            char path[64];
+            char text[512];
             snprintf(path, sizeof path, "/proc/%ld/stat", pid);
             int fd = open(path, O_RDONLY | O_CLOEXEC);
             if (fd < 0)
@@ -517,6 +518,7 @@ std::vector<process> descendants()
             const char* after = strrchr(text, ')');
             char state;
             long ppid;
+            // NOLINTNEXTLINE(cert-err34-c): the kernel's own numbers
             if (!after || sscanf(after, ") %c %ld", &state, &ppid) != 2)
                 continue;
             children.emplace(static_cast<pid_t>(ppid), process{static_cast<pid_t>(pid), state == 'Z'});
@@ -596,6 +598,7 @@ void count_write_opens(run_record& run)
     }
 }
 
+// NOLINTNEXTLINE(readability-function-cognitive-complexity): one event loop, each branch an event
 run_record supervise(const options& opt)
 {
     run_record run;
@@ -603,7 +606,8 @@ run_record supervise(const options& opt)
     if (run.inotify < 0)
         die("inotify: %s", strerror(errno));
 
-    sigset_t handled, old_mask;
+    sigset_t handled;
+    sigset_t old_mask;
     sigemptyset(&handled);
     for (int sig : {SIGCHLD, SIGINT, SIGTERM, SIGHUP, SIGQUIT})
         sigaddset(&handled, sig);

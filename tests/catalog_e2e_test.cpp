@@ -67,6 +67,7 @@ TEST_F(CatalogE2eTest, GermanCatalogueTranslatesEveryMessage)
         "ODM mount WARNUNG T-41-1-0-0-6 unbekannte Option bogus\n" + usage,
         "ODM mount WARNUNG T-41-1-0-0-7 /dev/odm/cluster kann nicht geöffnet werden\n",
         "ODM mount WARNUNG T-41-1-0-0-8 /dev/odm/cluster kann nicht geschrieben werden\n",
+        // NOLINTNEXTLINE(bugprone-suspicious-missing-comma): one message, wrapped
         "ODM mount WARNUNG T-41-1-0-0-10 Prozess für /opt/KELD/bin/tolvane kann nicht gestartet "
         "werden\n",
     };

@@ -19,7 +19,7 @@ const json TERMINAL_SIGNALS = {"SIGHUP", "SIGINT", "SIGQUIT"};
 
 class MountE2eTest : public SandboxTest {
 protected:
-    static sandbox_result helper(std::vector<std::string> args, std::vector<std::string> scene = {})
+    static sandbox_result helper(std::vector<std::string> args, const std::vector<std::string>& scene = {})
     {
         args.insert(args.begin(), HELPER_PATH);
         return run_sandbox(scene, args);

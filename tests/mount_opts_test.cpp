@@ -61,6 +61,7 @@ protected:
     static std::uint64_t args(std::vector<std::string> words)
     {
         std::vector<char*> argv;
+        argv.reserve(words.size() + 1);
         for (auto& w : words)
             argv.push_back(w.data());
         argv.push_back(nullptr);

@@ -42,7 +42,7 @@ int main(int argc, char** argv)
         return outcome("write", write(fd, argv[3], strlen(argv[3])));
     }
     if (argc == 3 && strcmp(argv[1], "sleep") == 0) {
-        timespec ts{atoi(argv[2]), 0};
+        timespec ts{std::strtol(argv[2], nullptr, 10), 0};
         return outcome("sleep", nanosleep(&ts, nullptr));
     }
     fputs("usage: sandbox_probe mount DIR REQUESTED | write FILE TEXT | sleep SECONDS\n", stderr);

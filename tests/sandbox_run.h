@@ -15,8 +15,7 @@
 #include <string>
 #include <vector>
 
-extern char** environ;
-
+// NOLINTNEXTLINE(bugprone-exception-escape): its members all move without throwing
 struct sandbox_result {
     int status = -1;        // COMMAND's status; 124 timed out, 125 the sandbox failed
     std::string out;        // COMMAND's standard output
@@ -51,9 +50,10 @@ inline sandbox_result run_sandbox(const std::vector<std::string>& options,
         close(json_fd);
     std::vector<std::string> args{ODM_SANDBOX_PATH, "--quiet", "--json", json_path};
     args.insert(args.end(), options.begin(), options.end());
-    args.push_back("--");
+    args.emplace_back("--");
     args.insert(args.end(), command.begin(), command.end());
     std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
     for (std::string& a : args)
         argv.push_back(a.data());
     argv.push_back(nullptr);

@@ -22,7 +22,8 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     fuzz::input in(data, size);
-    const int severity = in.take<std::int8_t>();
+    // 0 to 3 are the words; every other value stands for ERROR.
+    const int severity = in.take<std::uint8_t>();
     const auto code = in.take<std::int32_t>();
     const auto flags = in.take<std::uint8_t>();
     const int use_catalog = flags & 1;
