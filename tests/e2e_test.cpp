@@ -125,13 +125,13 @@ TEST_F(E2eTest, FailuresBeforeTheEntryLeaveNoTrace)
 {
     const struct {
         std::vector<std::string> scene;
-        int status;
         const char* err;
         std::size_t mount_calls;
+        int status;
     } cases[] = {
-        {{"--mount-errno", "EBUSY"}, 255, "Device or resource busy: /dev/odm\n", 1},
-        {{"--no-odm"}, 255, "No such file or directory: /dev/odm\n", 0},
-        {{"--mtab", "missing"}, 1, "", 0},
+        {{"--mount-errno", "EBUSY"}, "Device or resource busy: /dev/odm\n", 1, 255},
+        {{"--no-odm"}, "No such file or directory: /dev/odm\n", 0, 255},
+        {{"--mtab", "missing"}, "", 0, 1},
     };
     for (const auto& c : cases) {
         std::vector<std::string> scene = c.scene;
@@ -192,22 +192,22 @@ TEST_F(E2eTest, WarningsAfterTheMount)
 {
     const struct {
         std::vector<std::string> scene;
-        int status;
         const char* err;
+        int status;
         int switch_writes;
     } cases[] = {
-        {{"--control", "missing"}, 255,
-         "ODM mount WARNING T-41-1-0-0-7 could not open /dev/odm/cluster\n", -1},
-        {{"--control", "readonly"}, 255,
-         "ODM mount WARNING T-41-1-0-0-7 could not open /dev/odm/cluster\n", 0},
-        {{"--control", "short"}, 255,
-         "ODM mount WARNING T-41-1-0-0-8 could not write /dev/odm/cluster\n", 1},
+        {{"--control", "missing"},
+         "ODM mount WARNING T-41-1-0-0-7 could not open /dev/odm/cluster\n", 255, -1},
+        {{"--control", "readonly"},
+         "ODM mount WARNING T-41-1-0-0-7 could not open /dev/odm/cluster\n", 255, 0},
+        {{"--control", "short"},
+         "ODM mount WARNING T-41-1-0-0-8 could not write /dev/odm/cluster\n", 255, 1},
         // Without a child there is no tool; the switch is still written.
-        {{"--fork-errno", "EAGAIN", "--tolvane-record"}, 0,
-         "ODM mount WARNING T-41-1-0-0-10 could not fork /opt/KELD/bin/tolvane\n", 1},
+        {{"--fork-errno", "EAGAIN", "--tolvane-record"},
+         "ODM mount WARNING T-41-1-0-0-10 could not fork /opt/KELD/bin/tolvane\n", 0, 1},
         // The child whose exec failed carries on to the switch, and so does
         // the parent after it: two writes, no message.
-        {{"--tolvane-noexec"}, 0, "", 2},
+        {{"--tolvane-noexec"}, "", 0, 2},
     };
     for (const auto& c : cases) {
         const sandbox_result r = helper({"-o", "cluster"}, c.scene);
