@@ -1,29 +1,52 @@
 # Installation and the Debian package.
 #
-# A plain `cmake --install` puts down the helper and its manual page and
-# nothing else. The package adds only what Debian requires of every
-# package, the copyright file and the changelog, through a component that a
-# plain install leaves out.
+# mount(8) looks for helpers in /sbin, /sbin/fs.d and /sbin/fs alone,
+# whatever prefix the rest of the system uses, so a plain install puts the
+# helper in /sbin; the manual page follows the prefix, and the catalogues go
+# where the helper looks for them (msg/catalog). With DESTDIR all of it lands
+# in the staging tree.
+#
+# The package keeps /usr/sbin, which merged /usr makes /sbin. It takes the
+# helper, stripped as Debian strips, from a component of its own that a plain
+# install leaves out, together with what Debian requires of every package.
+set(ODM_HELPER_DIR /sbin CACHE PATH
+    "directory of the installed helper; mount(8) looks in /sbin")
 
 install(TARGETS mount.qeodmfs
-    RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR}
+    RUNTIME DESTINATION ${ODM_HELPER_DIR}
     COMPONENT helper)
 
 set(ODM_DEB_NAME qeodmfs-mount)
 set(ODM_DEB_DOCDIR ${CMAKE_INSTALL_DATAROOTDIR}/doc/${ODM_DEB_NAME})
+set(staging ${PROJECT_BINARY_DIR}/packaging)
 
-set(changelog_gz ${PROJECT_BINARY_DIR}/packaging/changelog.gz)
+# What dh_strip leaves: no symbols, no compiler notes, the build ID kept.
+set(stripped ${staging}/mount.qeodmfs)
+add_custom_command(OUTPUT ${stripped}
+    COMMAND ${CMAKE_STRIP} --remove-section=.comment --remove-section=.note
+            -o ${stripped} $<TARGET_FILE:mount.qeodmfs>
+    DEPENDS mount.qeodmfs
+    VERBATIM)
+set(changelog_gz ${staging}/changelog.gz)
 add_custom_command(OUTPUT ${changelog_gz}
-    COMMAND ${CMAKE_COMMAND} -E copy ${PROJECT_SOURCE_DIR}/packaging/changelog
-            ${PROJECT_BINARY_DIR}/packaging/changelog
-    COMMAND ${GZIP} -9nf ${PROJECT_BINARY_DIR}/packaging/changelog
+    COMMAND ${CMAKE_COMMAND} -E copy ${PROJECT_SOURCE_DIR}/packaging/changelog ${staging}/changelog
+    COMMAND ${GZIP} -9nf ${staging}/changelog
     DEPENDS ${PROJECT_SOURCE_DIR}/packaging/changelog
     VERBATIM)
-add_custom_target(odm_deb_docs ALL DEPENDS ${changelog_gz})
+add_custom_target(odm_deb_files ALL DEPENDS ${stripped} ${changelog_gz})
 
+install(PROGRAMS ${stripped}
+    DESTINATION ${CMAKE_INSTALL_SBINDIR}
+    COMPONENT deb
+    EXCLUDE_FROM_ALL)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${changelog_gz}
     DESTINATION ${ODM_DEB_DOCDIR}
-    COMPONENT deb_docs
+    COMPONENT deb
+    EXCLUDE_FROM_ALL)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/lintian-overrides
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides
+    RENAME ${ODM_DEB_NAME}
+    COMPONENT deb
     EXCLUDE_FROM_ALL)
 
 set(CPACK_GENERATOR DEB)
@@ -38,8 +61,8 @@ It turns the suboptions cluster, nocluster, exclusive, cluster_bypass,
 smartsync, nosmartsync and wait into the mode record that the file
 system's kernel module reads, records the mount in /etc/mtab under the
 traditional lock, runs the configuration tool when one is installed and
-switches cluster operation on. Its messages carry identifiers and can be
-translated through XPG message catalogues.
+switches cluster operation on. Its messages carry identifiers and come in
+English and German.
 
 The kernel module itself is not part of this package.]])
 set(CPACK_PACKAGE_CONTACT "qeodmfs maintainers <maintainers@qeodmfs.example>"
@@ -51,19 +74,26 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+# A staging tree under DESTDIR, so that the catalogues' absolute path
+# lands in the package and nowhere else.
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
 # The umask of whoever builds must not leak into the package.
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE
     GROUP_READ GROUP_EXECUTE
     WORLD_READ WORLD_EXECUTE)
+# Every time in the package is the commit's (cmake/cpack_options.cmake).
+set(CPACK_ODM_SOURCE_DIR ${PROJECT_SOURCE_DIR})
+set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_SOURCE_DIR}/cmake/cpack_options.cmake)
 
-# One package from two components; anything installed without a component
-# is kept out of it.
+# One package from the components a plain install does not combine this
+# way: the packaged helper, its manual page, the catalogues and Debian's
+# files. The plain helper component is left out.
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_GROUPING ALL_COMPONENTS_IN_ONE)
-set(CPACK_COMPONENTS_ALL helper deb_docs)
+set(CPACK_COMPONENTS_ALL deb man catalogues)
 
 set(CPACK_SOURCE_GENERATOR "")
 include(CPack)
