@@ -9,13 +9,16 @@
 #   ./dev.sh lint     clang-tidy and cppcheck over the whole tree
 #   ./dev.sh bench    build as shipped, then count the helper's start-up against
 #                     /bin/true, a C floor and mount(8) (bench/README.md)
-#   ./dev.sh package  build, then make the Debian package build/package/*.deb
+#   ./dev.sh package  build as shipped, make the Debian package build/deb/*.deb
+#                     and check it (tests/deb_package.sh)
+#   ./dev.sh repro    package the last commit twice, in two fresh directories,
+#                     and compare the two packages byte for byte
 set -eu
 cd "$(dirname "$0")"
 
 # Debian packages the build and the tests need.
 PACKAGES="cmake ninja-build g++ clang libgtest-dev nlohmann-json3-dev libc-bin util-linux mount"
-PACKAGES="$PACKAGES dpkg-dev lintian mandoc man-db locales"
+PACKAGES="$PACKAGES dpkg-dev lintian devscripts mandoc man-db locales git"
 # Lint, libFuzzer's runtime and memcheck.
 PACKAGES="$PACKAGES clang-tidy cppcheck libclang-rt-14-dev valgrind"
 
@@ -99,6 +102,42 @@ lint() {
     echo "lint: clean"
 }
 
+# Every time in a package is the commit's (cmake/cpack_options.cmake).
+epoch() {
+    SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct)}
+    export SOURCE_DATE_EPOCH
+}
+
+# The package of the source tree in $1, made in $1/build/deb.
+package() {
+    (
+        cd "$1"
+        build package
+        rm -rf build/deb
+        cpack --config build/package/CPackConfig.cmake -B build/deb >/dev/null
+    )
+}
+
+# The last commit, packaged from two fresh copies whose paths differ in
+# length, so that neither the time nor the place of a build can leak in.
+repro() {
+    epoch
+    rm -rf build/repro
+    for dir in build/repro/a build/repro/second-copy; do
+        mkdir -p "$dir"
+        git archive HEAD | tar -x -C "$dir"
+        package "$dir"
+    done
+    set -- build/repro/a/build/deb/*.deb build/repro/second-copy/build/deb/*.deb
+    sha256sum "$@"
+    if [ "$(sha256sum <"$1")" != "$(sha256sum <"$2")" ]; then
+        echo "dev.sh: two builds of $(git rev-parse --short HEAD) differ" >&2
+        exit 1
+    fi
+    tests/deb_package.sh "$1"
+    rm -rf build/repro
+}
+
 case "${1:-}" in
 demo)
     install_deps
@@ -115,6 +154,7 @@ check)
     done
     lint
     fuzz 30
+    repro
     ;;
 fuzz)
     install_deps
@@ -132,13 +172,17 @@ bench)
     ;;
 package)
     install_deps
-    build gcc
-    rm -rf build/package
-    cpack --config build/gcc/CPackConfig.cmake -B build/package >/dev/null
-    ls build/package/*.deb
+    epoch
+    package .
+    ls build/deb/*.deb
+    tests/deb_package.sh build/deb/*.deb
+    ;;
+repro)
+    install_deps
+    repro
     ;;
 *)
-    echo "usage: $0 demo|check|fuzz [SECONDS]|lint|package|bench" >&2
+    echo "usage: $0 demo|check|fuzz [SECONDS]|lint|package|repro|bench" >&2
     exit 2
     ;;
 esac
