@@ -19,7 +19,9 @@ enum : int {
     SEV_INFO = 3,
 };
 
-// Every formatted message fits this, or is cut to it.
+// Holds the format that msg_get makes: label, severity, identifier and text.
+// A longer format is cut to 127 bytes and the terminator; the message
+// printed from it is not, whatever its arguments add.
 inline constexpr std::size_t MSG_BUF_SIZE = 128;
 
 // The format for `id` in `out`, or `id` itself when it does not resolve.
