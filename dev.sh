@@ -4,7 +4,7 @@
 #
 #   ./dev.sh demo     build, then mount with -o cluster inside odm-sandbox
 #   ./dev.sh check    build with g++, clang++ and the sanitizers, run every
-#                     test in each, then lint and fuzz each target for 30 s
+#                     test in each, lint, fuzz each target for 30 s, repro
 #   ./dev.sh fuzz [S] run each fuzz target for S seconds (default 30)
 #   ./dev.sh lint     clang-tidy and cppcheck over the whole tree
 #   ./dev.sh bench    build as shipped, then count the helper's start-up against
