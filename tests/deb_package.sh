@@ -7,7 +7,7 @@
 set -eu
 deb=$1
 fail=0
-work=$(mktemp -d "${deb%/*}/check.XXXXXX")
+work=$(mktemp -d "$(dirname "$deb")/check.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 
 depends=$(dpkg-deb -f "$deb" Depends)
