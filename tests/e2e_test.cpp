@@ -101,15 +101,17 @@ TEST_F(E2eTest, Runs)
         // The control file may get descriptor 0.
         {{}, "exec <&-;", {"-o", "cluster"}, "", "", RECORD_2, CLUSTER, 1, 0, 0, 0, 0, 1,
          true},
-        // Killed waiting for someone else's lock: the temporary stays.
-        {{"--mtab-lock"}, kill_when("/etc/mtab~$pid") + "exit;", {}, "137\n", "", nullptr, "", 0,
-         2, 0, 0, 0, -1, false},
+        // Killed waiting for someone else's lock: the temporary stays, only
+        // its owner may read or write it.
+        {{"--mtab-lock"},
+         "umask 0;" + kill_when("/etc/mtab~$pid") + "stat -c %a /etc/mtab~$pid; exit;", {},
+         "137\n600\n", "", nullptr, "", 0, 2, 0, 0, 0, -1, false},
         // Killed inside the mount call: its lock stays, so the next gives up.
         {{"--hold-mount", "--fast-sleep"}, kill_when("/dev/.odm-sandbox/held.$pid"), {}, "137\n",
          "", RECORD_2, "", 1, 2, 4, 0, 1, -1, true},
         // Killed while the tool runs: its entry is in and its lock gone.
-        {{"--fast-sleep"}, KILLER_TOOL + "{ \"$0\" -o cluster; } 2>/dev/null; echo $?;", {"-o", "cluster"}, "137\n", "", RECORD_2,
-         "none /dev/odm qeodmfs cluster,smartsync 0 0\n"
+        {{"--fast-sleep"}, KILLER_TOOL + "{ \"$0\" -o cluster; } 2>/dev/null; echo $?;",
+         {"-o", "cluster"}, "137\n", "", RECORD_2, "none /dev/odm qeodmfs cluster,smartsync 0 0\n"
          "none /dev/odm qeodmfs cluster,smartsync 0 0\n", 2, 0, 0, 0, 0, 1, true},
     };
     for (const auto& c : cases) {
