@@ -68,19 +68,6 @@ TEST(MsgErrnoTest, NumbersWithoutTheCatalogue)
         EXPECT_STREQ(msg_errno_texts[static_cast<std::size_t>(n)], std::strerror(n)) << n;
 }
 
-// What a catalogue lookup does to the process stays in a child. No
-// catalogue is found for the C locale.
-class MsgProcessTest : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        setenv("LANG", "C", 1);
-        unsetenv("LC_ALL");
-        unsetenv("LC_MESSAGES");
-        unsetenv("NLSPATH");
-    }
-};
-
 int print_nlspath()
 {
     const char* value = std::getenv("NLSPATH");
@@ -88,8 +75,14 @@ int print_nlspath()
     return 0;
 }
 
-TEST_F(MsgProcessTest, ReportingFunctions)
+// Each in a child, which keeps what a catalogue lookup does to the process.
+// No catalogue is found for the C locale.
+TEST(MsgReportTest, ReportingFunctions)
 {
+    setenv("LANG", "C", 1);
+    unsetenv("LC_ALL");
+    unsetenv("LC_MESSAGES");
+    unsetenv("NLSPATH");
     const struct {
         int (*report)();
         const char* err;
@@ -117,6 +110,13 @@ TEST_F(MsgProcessTest, ReportingFunctions)
         {[] { setenv("NLSPATH", "", 1); info("ODM:mount:9:"); return print_nlspath(); },
          "ODM mount INFO T-41-1-0-0-9 \n/opt/KELD/messages/%L/%N:", 0},
         {[] { msg_errno(2, 1); return print_nlspath(); }, "/opt/KELD/messages/%L/%N", 0},
+        // A catalogue: both the text and the severity word are looked up.
+        {[] {
+             setenv("NLSPATH", CATALOG_BUILD_DIR "/de_DE.UTF-8/%N", 1);
+             warn("ODM:mount:10:could not fork %s", "x");
+             return 0;
+         },
+         "ODM mount WARNUNG T-41-1-0-0-10 Prozess f\xc3\xbcr x kann nicht gestartet werden\n", 0},
         // msg_errno takes its catalogue from LANG, the others from
         // LC_MESSAGES; the errno text is always the C library's.
         {[] {

@@ -13,8 +13,7 @@
 
 struct child_result {
     int status = -1;  // the exit status, 128 + N for signal N
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 inline std::string drain(int fd)
@@ -28,7 +27,7 @@ inline std::string drain(int fd)
     return text;
 }
 
-// The child's exit status is what f returns, if it returns. Its output is
+// The child exits with what f returns, if it returns. Its output is
 // appended, so that processes sharing it cannot overwrite each other.
 template <class F>
 child_result in_child(F f)

@@ -13,12 +13,11 @@
 
 #include "run_child.h"
 
+// COMMAND's status (124: timed out, 125: the sandbox failed) and output,
+// the sandbox's complaints on err, and what --json wrote, or null.
 // NOLINTNEXTLINE(bugprone-exception-escape): its members all move without throwing
-struct sandbox_result {
-    int status = -1;  // COMMAND's status; 124 timed out, 125 the sandbox failed
-    std::string out;  // COMMAND's standard output
-    std::string err;  // COMMAND's standard error, and the sandbox's complaints
-    nlohmann::json report;  // what --json wrote, null when nothing was
+struct sandbox_result : child_result {
+    nlohmann::json report;
 };
 
 // Runs `odm-sandbox --quiet --json FILE OPTIONS -- COMMAND` with standard
@@ -34,6 +33,7 @@ inline sandbox_result run_sandbox(const std::vector<std::string>& options,
     args.insert(args.end(), command.begin(), command.end());
     child_result r = in_child([&] {
         std::vector<char*> argv;
+        argv.reserve(args.size() + 1);
         for (std::string& a : args)
             argv.push_back(a.data());
         argv.push_back(nullptr);
@@ -46,7 +46,7 @@ inline sandbox_result run_sandbox(const std::vector<std::string>& options,
     unlink(json_path.c_str());
     if (report.is_discarded())
         report = nullptr;
-    return {r.status, std::move(r.out), std::move(r.err), std::move(report)};
+    return {std::move(r), std::move(report)};
 }
 
 // One fresh sandbox per run. Every test skips where the kernel cannot

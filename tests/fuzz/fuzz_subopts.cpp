@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     argv.push_back(nullptr);
 
     std::jmp_buf back;
-    if (setjmp(back) == 0) {
+    if (setjmp(back) == 0) {  // NOLINT(cert-err52-cpp): see __wrap_exit
         parsing = &back;
         prog_name = prog;
         optind = 0;
