@@ -110,13 +110,15 @@ TEST(MsgReportTest, ReportingFunctions)
         {[] { setenv("NLSPATH", "", 1); info("ODM:mount:9:"); return print_nlspath(); },
          "ODM mount INFO T-41-1-0-0-9 \n/opt/KELD/messages/%L/%N:", 0},
         {[] { msg_errno(2, 1); return print_nlspath(); }, "/opt/KELD/messages/%L/%N", 0},
-        // A catalogue: both the text and the severity word are looked up.
+        // A catalogue: the text and the severity word are looked up.
         {[] {
              setenv("NLSPATH", CATALOG_BUILD_DIR "/de_DE.UTF-8/%N", 1);
              warn("ODM:mount:10:could not fork %s", "x");
+             info("ODM:mount:9:i");
              return 0;
          },
-         "ODM mount WARNUNG T-41-1-0-0-10 Prozess f\xc3\xbcr x kann nicht gestartet werden\n", 0},
+         "ODM mount WARNUNG T-41-1-0-0-10 Prozess f\xc3\xbcr x kann nicht gestartet werden\n"
+         "ODM mount INFO T-41-1-0-0-9 i\n", 0},
         // msg_errno takes its catalogue from LANG, the others from
         // LC_MESSAGES; the errno text is always the C library's.
         {[] {
