@@ -42,42 +42,27 @@ void usage(int status)
     std::exit(status);
 }
 
-subopt_stop scan_subopts(char* text, std::uint64_t& mask, const char*& unknown)
+void parse_subopts(char* text, std::uint64_t& mask)
 {
     while (*text != '\0') {
         char* value;
         const int row = getsubopt(&text, subopt_tokens, &value);
         if (row < 0) {
-            unknown = value;
-            return subopt_stop::unknown;
+            warn("ODM:mount:6:unrecognized option %s", value);
+            usage(-1);
         }
         switch (row) {
         case ROW_RW:
             rw_given = 1;
             break;
         case ROW_REMOUNT:
-            return subopt_stop::remount;
+            // A remount has nothing to change: it succeeds as it is.
+            std::exit(0);
         default:
             // "ro" and "noauto" land here too; their flag is 0.
             mask |= mount_opts[static_cast<std::size_t>(row)].flag;
             break;
         }
-    }
-    return subopt_stop::end;
-}
-
-void parse_subopts(char* text, std::uint64_t& mask)
-{
-    const char* unknown = nullptr;
-    switch (scan_subopts(text, mask, unknown)) {
-    case subopt_stop::unknown:
-        warn("ODM:mount:6:unrecognized option %s", unknown);
-        usage(-1);
-    case subopt_stop::remount:
-        // A remount has nothing to change: it succeeds as it is.
-        std::exit(0);
-    case subopt_stop::end:
-        break;
     }
 }
 

@@ -72,13 +72,5 @@ void check_table(std::span<const mount_opt, MOUNT_OPT_ROWS> table = mount_opts);
 std::uint64_t parse_args(int argc, char** argv);
 // Works in place: getsubopt cuts `text` at each comma.
 void parse_subopts(char* text, std::uint64_t& mask);
-
-// Where scan_subopts stopped: at the end of the text, at "remount", or at a
-// word that no row names.
-enum class subopt_stop { end, remount, unknown };
-// parse_subopts without its exits, so that the parsing can be driven on its
-// own. On subopt_stop::unknown, `unknown` is the word as getsubopt hands it
-// back, "=value" and all.
-subopt_stop scan_subopts(char* text, std::uint64_t& mask, const char*& unknown);
 void check_conflicts(std::uint64_t mask);
 [[noreturn]] void usage(int status);
