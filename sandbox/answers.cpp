@@ -22,9 +22,8 @@ void answer_sleep(listener& l, const scene& /*sc*/, run_record& run)
 
 void answer_fork(listener& l, const scene& sc, run_record& /*run*/)
 {
-    // A clone that shares the caller's memory is a thread, or the helper
-    // that LeakSanitizer starts at exit to stop the world: it goes on, so
-    // that a sanitized COMMAND can end. clone3 keeps its flags in memory.
+    // A clone that shares the caller's memory (a thread, or the stop-the-world helper of a
+    // sanitized COMMAND's LeakSanitizer) goes on. clone3 keeps its flags in memory.
     std::uint64_t flags = l.nr() == SYS_clone ? l.arg(0) : 0;
     if (l.nr() == SYS_clone3)
         l.read(l.arg(0), &flags, sizeof flags);

@@ -55,7 +55,7 @@ constexpr option_row OPTIONS[] = {
      [](options& o, const char*) { o.sc.tool = tool_scene::noexec; }},
     {"messages", 0, "DIR", "DIR is copied to /opt/KELD/messages (with DIR/de_DE/KELDodm.cat, say)",
      [](options& o, const char* a) { o.sc.messages_dir = a; }},
-    {"control", 0, "normal|missing|full", "each module mount's control file: a file (the default), none, or /dev/full",
+    {"control", 0, "normal|missing|full", "each module mount's control file: a file (the default), none, or a full one",
      [](options& o, const char* a) { o.sc.control = choose<control_scene>("--control", a, CONTROL_SCENES); }},
     {"mount-errno", 0, "NAME", "the module refuses every valid qeodmfs mount with errno NAME (EBUSY, say)",
      [](options& o, const char* a) { o.sc.mount_errno = parse_errno(a); }},
@@ -87,12 +87,9 @@ void print_help()
          "Runs COMMAND where the qeodmfs kernel module is emulated, in a throwaway /etc, /dev and\n"
          "/opt, and reports what it did. Exits with COMMAND's status (128+N after signal N), 124\n"
          "on timeout, 125 when the sandbox itself fails.");
-    for (const option_row& row : OPTIONS) {
-        char letter[8] = "";
-        if (row.letter)
-            snprintf(letter, sizeof letter, "-%c, ", row.letter);
-        printf("  %s--%s%s%s\n      %s\n", letter, row.name, row.arg ? " " : "", row.arg ? row.arg : "", row.help);
-    }
+    for (const option_row& row : OPTIONS)
+        printf("  %s--%s%s%s\n      %s\n", row.letter ? std::string{'-', row.letter, ',', ' '}.c_str() : "", row.name,
+               row.arg ? " " : "", row.arg ? row.arg : "", row.help);
 }
 
 options parse_options(int argc, char** argv)

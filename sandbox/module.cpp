@@ -10,13 +10,11 @@ namespace {
 
 constexpr const char* MODULE_TYPE = "qeodmfs";
 
-control_file add_control(const std::string& dir, const std::string& given, control_scene kind, int& inotify)
+control_file add_control(const std::string& dir, const std::string& given, int& inotify)
 {
     control_file cf{.dir = given};
     std::string file = dir + "/" + CONTROL_NAME;
-    // /dev/full opens like the file, and every write to it fails (ENOSPC).
-    if (kind == control_scene::full ? symlink("/dev/full", file.c_str()) != 0
-                                    : (cf.fd = open(file.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644)) < 0)
+    if ((cf.fd = open(file.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644)) < 0)
         complain("cannot create %s: %s", file.c_str(), strerror(errno));
     // IN_OPEN only to keep two closes apart: inotify merges an event into
     // an identical one still unread at the end of its queue.
@@ -46,8 +44,9 @@ int check_and_mount(const listener& l, const scene& sc, mount_call& m, int& inot
         return EINVAL;
     if (sc.mount_errno)
         return sc.mount_errno;
+    const bool full = sc.control == control_scene::full;
     if ((mkdir(stage.c_str(), 0700) != 0 && errno != EEXIST) ||
-        mount(m.source ? m.source->c_str() : MODULE_TYPE, stage.c_str(), "tmpfs", 0, "mode=755") != 0 ||
+        mount(m.source ? m.source->c_str() : MODULE_TYPE, stage.c_str(), "tmpfs", 0, full ? "mode=755,size=4k" : "mode=755") ||
         stat(stage.c_str(), &st) != 0 || mount(stage.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
         int err = errno;
         complain("cannot emulate the mount on %s: %s", path.c_str(), strerror(err));
@@ -55,8 +54,13 @@ int check_and_mount(const listener& l, const scene& sc, mount_call& m, int& inot
         return err;
     }
     m.dev = st.st_dev;
+    // A full file system: the control file opens, and every write to it
+    // fails with ENOSPC. The filler holds the one page while we hold it.
+    int filler = full ? open((stage + "/.filler").c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600) : 0;
+    if (filler < 0 || (full && (fallocate(filler, 0, 0, 4096) != 0 || unlink((stage + "/.filler").c_str()) != 0)))
+        complain("cannot fill the file system on %s: %s", path.c_str(), strerror(errno));
     if (sc.control != control_scene::missing)
-        m.control = add_control(stage, *m.target, sc.control, inotify);
+        m.control = add_control(stage, *m.target, inotify);
     umount2(stage.c_str(), MNT_DETACH);
     return 0;
 }

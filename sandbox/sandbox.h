@@ -46,7 +46,6 @@ bool is_lock_name(std::string_view name);
 // All of it from offset 0, whatever the descriptor's own offset.
 std::string read_all(int fd);
 std::string read_file(const std::string& path);
-// The clock that orders the calls in the report.
 std::int64_t monotonic_ns();
 
 // The facts of one run: the scene it was asked for, the calls the sandbox

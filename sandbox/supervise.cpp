@@ -19,8 +19,7 @@ namespace {
 using answer_fn = void (*)(listener&, const scene&, run_record&);
 using trap_list = std::vector<std::pair<long, answer_fn>>;
 
-// The system calls that COMMAND's tree waits in for our answer, and who
-// gives it.
+// The system calls that COMMAND's tree waits in for our answer, and who gives it.
 trap_list traps(const scene& sc)
 {
     trap_list traps{{SYS_mount, answer_mount}, {SYS_umount2, answer_unmount}};
