@@ -83,8 +83,8 @@ TEST_F(SandboxTest, ModuleRefusesWhatIsNotItsRecord)
 TEST_F(SandboxTest, MountUnmountAndMountAgain)
 {
     const sandbox_result r =
-        run_sandbox({"--helper", HELPER_PATH}, {"sh", "-c", "mount -t qeodmfs -o cluster none /dev/odm && "
-                                                            "umount /dev/odm && mount -t qeodmfs none /dev/odm"});
+        run_sandbox({"--helper", HELPER_PATH}, {"sh", "-c", "mount -t qeodmfs -o cluster none /dev/odm && umount /dev/odm && "
+                                                            "! mountpoint -q /dev/odm && mount -t qeodmfs none /dev/odm"});
     EXPECT_EQ(r.status, 0) << r.err;
     const json& mounts = r.report["mounts"];
     const json& unmounts = r.report["unmounts"];
