@@ -2,13 +2,12 @@
 // /sbin when a helper is shown there) are overlays with a tmpfs upper layer,
 // and /dev is a tmpfs that mirrors the real one entry by entry.
 
-#include <dirent.h>
+#include "sandbox.h"
+
 #include <sched.h>
 #include <sys/mount.h>
 
 #include <filesystem>
-
-#include "sandbox.h"
 
 namespace sandbox {
 namespace {

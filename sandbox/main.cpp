@@ -1,11 +1,11 @@
 // odm-sandbox: runs a command in a throwaway system where an emulated kernel
 // module answers mount(2) of "qeodmfs", and reports what the command did.
 
+#include "sandbox.h"
+
 #include <getopt.h>
 
 #include <algorithm>
-
-#include "sandbox.h"
 
 namespace sandbox {
 namespace {

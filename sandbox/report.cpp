@@ -1,3 +1,5 @@
+#include "sandbox.h"
+
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -5,8 +7,6 @@
 #include <cinttypes>
 
 #include <nlohmann/json.hpp>
-
-#include "sandbox.h"
 
 namespace nlohmann {
 // An empty optional is null.
