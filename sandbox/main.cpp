@@ -1,237 +1,122 @@
-#include <fcntl.h>
-#include <getopt.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string_view>
+// odm-sandbox: runs a command in a throwaway system where an emulated kernel
+// module answers mount(2) of "qeodmfs", and reports what the command did.
 
 #include "sandbox.h"
 
+#include <getopt.h>
+
+#include <algorithm>
+
 namespace sandbox {
-
 namespace {
 
-void vcomplain(const char* fmt, va_list ap)
-{
-    fputs("odm-sandbox: ", stderr);
-    vfprintf(stderr, fmt, ap);
-    fputc('\n', stderr);
-}
+// getopt hands every option that takes an argument a non-null one.
 
-}  // namespace
-
-void complain(const char* fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    vcomplain(fmt, ap);
-    va_end(ap);
-}
-
-void die(const char* fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    vcomplain(fmt, ap);
-    va_end(ap);
-    exit(EXIT_SANDBOX_FAILED);
-}
-
-std::string errno_name(int err)
-{
-    const char* name = strerrorname_np(err);
-    return name ? name : std::to_string(err);
-}
-
-namespace {
-
-constexpr const char* USAGE =
-    "usage: odm-sandbox [scene options] [--json FILE] [--timeout SECONDS] [-q] -- COMMAND [ARGS...]\n"
-    "scene options:\n"
-    "  --mtab file|symlink|missing   /etc/mtab (default: an empty regular file)\n"
-    "  --mtab-content TEXT           what the regular /etc/mtab holds\n"
-    "  --mtab-lock                   /etc/mtab~ exists already: someone holds the lock\n"
-    "  --no-odm                      /dev/odm does not exist\n"
-    "  --tolvane FILE                install FILE as /opt/KELD/bin/tolvane\n"
-    "  --tolvane-record              install a tool that records how it was run\n"
-    "  --tolvane-noexec              install a tolvane that cannot be executed\n"
-    "  --messages DIR                copy DIR to /opt/KELD/messages\n"
-    "  --control normal|missing|readonly|short\n"
-    "                                the control file 'cluster' of a new mount\n"
-    "  --mount-errno NAME            the module refuses every mount with errno NAME\n"
-    "  --fork-errno NAME             every fork of COMMAND's tree fails with errno NAME\n"
-    "  --hold-mount                  never answer a mount: its caller waits until killed\n"
-    "  --helper FILE                 FILE appears as /sbin/mount.qeodmfs\n"
-    "  --fast-sleep                  sleeps of COMMAND return at once\n"
-    "See sandbox/README.md.\n";
-
-[[noreturn, gnu::format(printf, 1, 2)]] void usage_error(const char* fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    vcomplain(fmt, ap);
-    va_end(ap);
-    fputs(USAGE, stderr);
-    exit(EXIT_SANDBOX_FAILED);
-}
-
-template <std::size_t N>
-int choose(const char* option, const char* arg, const std::array<const char*, N>& words)
+template <typename E, std::size_t N>
+E choose(const char* option, const char* arg, const std::array<const char*, N>& words)
 {
     for (std::size_t i = 0; i < N; ++i)
-        if (strcmp(arg, words[i]) == 0)  // NOLINT(clang-analyzer-core.NonNullParamChecker): getopt sets optarg for every required argument
-            return static_cast<int>(i);
-    usage_error("%s: unknown kind '%s'", option, arg);
+        if (strcmp(arg, words[i]) == 0)  // NOLINT(clang-analyzer-core.NonNullParamChecker)
+            return static_cast<E>(i);
+    die("%s: unknown kind '%s'; see --help", option, arg);
 }
 
 int parse_errno(const char* text)
 {
-    char* end = nullptr;
-    long number = strtol(text, &end, 10);  // NOLINT(clang-analyzer-core.NonNullParamChecker): getopt sets optarg for every required argument
-    if (end != text && *end == '\0' && number > 0 && number < 4096)
-        return static_cast<int>(number);
-    for (int err = 1; err < 4096; ++err) {
-        const char* name = strerrorname_np(err);
-        if (name && strcmp(name, text) == 0)
+    for (int err = 1; err < 4096; ++err)
+        if (strerrorname_np(err) && strcmp(strerrorname_np(err), text) == 0)
             return err;
-    }
-    usage_error("unknown errno name '%s'", text);
+    die("unknown errno name '%s'", text);
 }
 
-// Scene inputs are read after the namespace is set up, and relative to a
-// directory we may no longer be able to trust by then.
-std::string absolute(const char* path, bool want_dir)
+struct option_row {
+    const char* name;
+    char letter;      // a short form, or 0
+    const char* arg;  // as --help names the argument; null for none
+    const char* help;
+    void (*set)(options& opt, const char* arg);  // null for --help
+};
+
+// getopt's table and --help both come from this one, and sandbox/README.md
+// shows what --help prints (a test compares the two).
+constexpr option_row OPTIONS[] = {
+    {"mtab", 0, "file|symlink|missing", "/etc/mtab is a regular file (the default), a link to /proc/mounts, or none",
+     [](options& o, const char* a) { o.sc.mtab = choose<mtab_scene>("--mtab", a, MTAB_SCENES); }},
+    {"mtab-content", 0, "TEXT", "what the regular /etc/mtab holds (default: nothing)",
+     [](options& o, const char* a) { o.sc.mtab_content = a; }},
+    {"mtab-lock", 0, nullptr, "/etc/mtab~ exists beforehand: another process holds the lock",
+     [](options& o, const char*) { o.sc.mtab_locked = true; }},
+    {"no-odm", 0, nullptr, "/dev/odm does not exist", [](options& o, const char*) { o.sc.odm_present = false; }},
+    {"tolvane", 0, "FILE", "FILE is copied to /opt/KELD/bin/tolvane, mode 0755",
+     [](options& o, const char* a) { o.sc.tool = tool_scene::program, o.sc.tool_program = a; }},
+    {"tolvane-record", 0, nullptr, "/opt/KELD/bin/tolvane does nothing, and how each run starts is recorded",
+     [](options& o, const char*) { o.sc.tool = tool_scene::recorder; }},
+    {"tolvane-noexec", 0, nullptr, "/opt/KELD/bin/tolvane is a shell script with mode 0644",
+     [](options& o, const char*) { o.sc.tool = tool_scene::noexec; }},
+    {"messages", 0, "DIR", "DIR is copied to /opt/KELD/messages (with DIR/de_DE/KELDodm.cat, say)",
+     [](options& o, const char* a) { o.sc.messages_dir = a; }},
+    {"control", 0, "normal|missing|full", "each module mount's control file: a file (the default), none, or a full one",
+     [](options& o, const char* a) { o.sc.control = choose<control_scene>("--control", a, CONTROL_SCENES); }},
+    {"mount-errno", 0, "NAME", "the module refuses every valid qeodmfs mount with errno NAME (EBUSY, say)",
+     [](options& o, const char* a) { o.sc.mount_errno = parse_errno(a); }},
+    {"fork-errno", 0, "NAME", "every new process under COMMAND fails with errno NAME; threads do not",
+     [](options& o, const char* a) { o.sc.fork_errno = parse_errno(a); }},
+    {"hold-mount", 0, nullptr, "no qeodmfs mount is answered; /dev/.odm-sandbox/held.PID tells one has come",
+     [](options& o, const char*) { o.sc.hold_mount = true; }},
+    {"helper", 0, "FILE", "FILE is copied to /sbin/mount.qeodmfs, where mount(8) looks for it",
+     [](options& o, const char* a) { o.sc.helper = a; }},
+    {"fast-sleep", 0, nullptr, "sleeps of COMMAND and everything under it return at once, and are recorded",
+     [](options& o, const char*) { o.sc.fast_sleep = true; }},
+    {"timeout", 0, "SECONDS", "COMMAND and everything under it are killed after SECONDS; the status is 124",
+     [](options& o, const char* a) {
+         char* end = nullptr;
+         o.timeout = strtod(a, &end);  // NOLINT(clang-analyzer-core.NonNullParamChecker)
+         if (end == a || *end != '\0' || !(o.timeout > 0))
+             die("--timeout: not a positive number of seconds: '%s'", a);
+     }},
+    {"json", 0, "FILE", "the report as JSON into FILE, which is opened before anything else",
+     [](options& o, const char* a) { o.json_path = a; }},
+    {"quiet", 'q', nullptr, "no report on stderr, which then carries COMMAND's own output",
+     [](options& o, const char*) { o.quiet = true; }},
+    {"help", 'h', nullptr, "this list", nullptr},
+};
+
+void print_help()
 {
-    char* real = realpath(path, nullptr);
-    if (!real)
-        die("%s: %s", path, strerror(errno));
-    std::string result = real;
-    free(real);
-    if (!want_dir && access(result.c_str(), R_OK) != 0)
-        die("%s: %s", path, strerror(errno));
-    return result;
+    puts("usage: odm-sandbox [OPTION...] -- COMMAND [ARGS...]\n"
+         "Runs COMMAND where the qeodmfs kernel module is emulated, in a throwaway /etc, /dev and\n"
+         "/opt, and reports what it did. Exits with COMMAND's status (128+N after signal N), 124\n"
+         "on timeout, 125 when the sandbox itself fails.");
+    for (const option_row& row : OPTIONS)
+        printf("  %s--%s%s%s\n      %s\n", row.letter ? std::string{'-', row.letter, ',', ' '}.c_str() : "", row.name,
+               row.arg ? " " : "", row.arg ? row.arg : "", row.help);
 }
-
-enum long_only : int {
-    OPT_MTAB = 256,
-    OPT_MTAB_CONTENT,
-    OPT_MTAB_LOCK,
-    OPT_NO_ODM,
-    OPT_TOLVANE,
-    OPT_TOLVANE_RECORD,
-    OPT_TOLVANE_NOEXEC,
-    OPT_MESSAGES,
-    OPT_CONTROL,
-    OPT_MOUNT_ERRNO,
-    OPT_FORK_ERRNO,
-    OPT_HOLD_MOUNT,
-    OPT_HELPER,
-    OPT_FAST_SLEEP,
-    OPT_TIMEOUT,
-    OPT_JSON,
-};
-
-constexpr option LONG_OPTIONS[] = {
-    {"mtab", required_argument, nullptr, OPT_MTAB},
-    {"mtab-content", required_argument, nullptr, OPT_MTAB_CONTENT},
-    {"mtab-lock", no_argument, nullptr, OPT_MTAB_LOCK},
-    {"no-odm", no_argument, nullptr, OPT_NO_ODM},
-    {"tolvane", required_argument, nullptr, OPT_TOLVANE},
-    {"tolvane-record", no_argument, nullptr, OPT_TOLVANE_RECORD},
-    {"tolvane-noexec", no_argument, nullptr, OPT_TOLVANE_NOEXEC},
-    {"messages", required_argument, nullptr, OPT_MESSAGES},
-    {"control", required_argument, nullptr, OPT_CONTROL},
-    {"mount-errno", required_argument, nullptr, OPT_MOUNT_ERRNO},
-    {"fork-errno", required_argument, nullptr, OPT_FORK_ERRNO},
-    {"hold-mount", no_argument, nullptr, OPT_HOLD_MOUNT},
-    {"helper", required_argument, nullptr, OPT_HELPER},
-    {"fast-sleep", no_argument, nullptr, OPT_FAST_SLEEP},
-    {"timeout", required_argument, nullptr, OPT_TIMEOUT},
-    {"json", required_argument, nullptr, OPT_JSON},
-    {"quiet", no_argument, nullptr, 'q'},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
-};
 
 options parse_options(int argc, char** argv)
 {
+    std::vector<option> longs;
+    std::string letters = "+";  // everything from COMMAND on belongs to COMMAND
+    for (const option_row& row : OPTIONS) {
+        longs.push_back({row.name, row.arg ? required_argument : no_argument, nullptr,
+                         static_cast<int>(256 + (&row - OPTIONS))});
+        letters += row.letter ? std::string(1, row.letter) : "";
+    }
+    longs.push_back({});
     options opt;
-    scene& sc = opt.sc;
-    int c;
-    // '+': everything from COMMAND on belongs to COMMAND.
-    while ((c = getopt_long(argc, argv, "+qh", LONG_OPTIONS, nullptr)) != -1) {
-        std::string_view arg = optarg ? optarg : "";
-        switch (c) {
-        case OPT_MTAB:
-            sc.mtab = static_cast<mtab_scene>(choose("--mtab", optarg, MTAB_SCENES));
-            break;
-        case OPT_MTAB_CONTENT:
-            sc.mtab_content = arg;
-            break;
-        case OPT_MTAB_LOCK:
-            sc.mtab_locked = true;
-            break;
-        case OPT_NO_ODM:
-            sc.odm_present = false;
-            break;
-        case OPT_TOLVANE:
-            sc.tool = tool_scene::program;
-            sc.tool_program = absolute(optarg, false);
-            break;
-        case OPT_TOLVANE_RECORD:
-            sc.tool = tool_scene::recorder;
-            break;
-        case OPT_TOLVANE_NOEXEC:
-            sc.tool = tool_scene::noexec;
-            break;
-        case OPT_MESSAGES:
-            sc.messages_dir = absolute(optarg, true);
-            break;
-        case OPT_CONTROL:
-            sc.control = static_cast<control_scene>(choose("--control", optarg, CONTROL_SCENES));
-            break;
-        case OPT_MOUNT_ERRNO:
-            opt.mount_errno = parse_errno(optarg);
-            break;
-        case OPT_FORK_ERRNO:
-            opt.fork_errno = parse_errno(optarg);
-            break;
-        case OPT_HOLD_MOUNT:
-            opt.hold_mount = true;
-            break;
-        case OPT_HELPER:
-            sc.helper = absolute(optarg, false);
-            break;
-        case OPT_FAST_SLEEP:
-            opt.fast_sleep = true;
-            break;
-        case OPT_TIMEOUT: {
-            char* end = nullptr;
-            opt.timeout = strtod(optarg, &end);  // NOLINT(clang-analyzer-core.NonNullParamChecker): getopt sets optarg for every required argument
-            if (end == optarg || *end != '\0' || !(opt.timeout > 0))
-                usage_error("--timeout: not a positive number of seconds: '%s'", optarg);
-            break;
-        }
-        case OPT_JSON:
-            opt.json_path = arg;
-            break;
-        case 'q':
-            opt.quiet = true;
-            break;
-        case 'h':
-            fputs(USAGE, stdout);
+    for (int c; (c = getopt_long(argc, argv, letters.c_str(), longs.data(), nullptr)) != -1;) {
+        const option_row* row = c >= 256 ? &OPTIONS[c - 256]
+                                         : std::find_if(std::begin(OPTIONS), std::end(OPTIONS),
+                                                        [c](const option_row& r) { return r.letter == c; });
+        if (row == std::end(OPTIONS))
+            die("see odm-sandbox --help");
+        if (!row->set) {
+            print_help();
             exit(0);
-        default:
-            fputs(USAGE, stderr);
-            exit(EXIT_SANDBOX_FAILED);
         }
+        row->set(opt, optarg);
     }
     if (optind >= argc)
-        usage_error("%s", "no COMMAND given");
+        die("no COMMAND given; see odm-sandbox --help");
     opt.command.assign(argv + optind, argv + argc);
     opt.command.push_back(nullptr);
     return opt;
@@ -243,21 +128,15 @@ options parse_options(int argc, char** argv)
 int main(int argc, char** argv)
 {
     using namespace sandbox;
-    if (argc > 0 && invoked_as_recorder(argv[0]))
-        return record_tool_run(argc, argv);
-
     options opt = parse_options(argc, argv);
     // Opened before /etc, /dev and /opt turn into throwaway copies, so the
     // report lands where the caller meant, whatever path was given.
-    int json_fd = -1;
-    if (!opt.json_path.empty()) {
-        json_fd = open(opt.json_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        if (json_fd < 0)
-            die("%s: %s", opt.json_path.c_str(), strerror(errno));
-    }
-
+    int json_fd = opt.json_path.empty() ? -1 : open(opt.json_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (!opt.json_path.empty() && json_fd < 0)
+        die("%s: %s", opt.json_path.c_str(), strerror(errno));
     isolate(opt.sc);
     run_record run = supervise(opt);
-    report(opt, run, json_fd);
-    return exit_status(run);
+    record_end_state(run);
+    report(run, opt.quiet, json_fd);
+    return exit_status(run.command);
 }

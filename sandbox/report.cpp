@@ -1,233 +1,50 @@
-// What is left once COMMAND has ended, told twice: briefly on stderr for a
-// person, in full as JSON for the tests. Also the recording tool, which is
-// this same program run under the configuration tool's name.
+#include "sandbox.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <cctype>
 #include <cinttypes>
-#include <cstdio>
-#include <cstring>
-#include <filesystem>
-#include <string>
 
 #include <nlohmann/json.hpp>
 
-#include "sandbox.h"
+namespace nlohmann {
+// An empty optional is null.
+template <typename T>
+struct adl_serializer<std::optional<T>> {
+    template <typename Json>
+    static void to_json(Json& j, const std::optional<T>& value)
+    {
+        j = value ? Json(*value) : Json(nullptr);
+    }
+};
+}  // namespace nlohmann
 
 namespace sandbox {
 
+// Keys in the order they are given, which is the order a reader wants.
 using json = nlohmann::ordered_json;
-
-std::vector<std::string> signal_names(std::uint64_t mask)
-{
-    std::vector<std::string> names;
-    for (int sig = 1; sig <= 64; ++sig) {
-        if (!(mask & (std::uint64_t{1} << (sig - 1))))
-            continue;
-        const char* abbrev = sigabbrev_np(sig);
-        names.push_back(std::string("SIG") + (abbrev ? abbrev : std::to_string(sig)));
-    }
-    return names;
-}
-
-bool is_lock_name(std::string_view name)
-{
-    if (!name.starts_with("mtab~"))
-        return false;
-    name.remove_prefix(5);
-    return name.find_first_not_of("0123456789") == std::string_view::npos;
-}
-
-int exit_status(const run_record& run)
-{
-    if (run.timed_out)
-        return EXIT_TIMED_OUT;
-    if (WIFEXITED(run.wait_status))
-        return WEXITSTATUS(run.wait_status);
-    if (WIFSIGNALED(run.wait_status))
-        return 128 + WTERMSIG(run.wait_status);
-    return EXIT_SANDBOX_FAILED;
-}
 
 namespace {
 
-namespace fs = std::filesystem;
-
-std::string read_all(int fd)
+std::optional<std::string> errno_of(int err)
 {
-    std::string text;
-    char buf[4096];
-    ssize_t n;
-    off_t at = 0;
-    while ((n = pread(fd, buf, sizeof buf, at)) > 0) {
-        text.append(buf, static_cast<std::size_t>(n));
-        at += n;
-    }
-    return text;
+    return err ? std::optional(errno_name(err)) : std::nullopt;
 }
 
-std::string read_file(const std::string& path)
+std::optional<std::string> signal_of(int sig)
 {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return {};
-    std::string text = read_all(fd);
-    close(fd);
-    return text;
+    return sig > 0 ? std::optional(signal_names(std::uint64_t{1} << (sig - 1))[0]) : std::nullopt;
 }
 
-std::uint64_t own_ignored_signals()
+// Mounts stack: the last one made is the one in sight.
+const control_file* last_control(const run_record& run)
 {
-    std::string status = read_file("/proc/self/status");
-    std::size_t at = status.find("\nSigIgn:");
-    return at == std::string::npos ? 0 : strtoull(status.c_str() + at + 8, nullptr, 16);
-}
-
-json nullable(const std::optional<std::string>& text)
-{
-    return text ? json(*text) : json(nullptr);
-}
-
-struct odm_record {
-    std::uint32_t version, size;
-    std::uint64_t requested, available;
-};
-
-// Decoded here from the bytes, not with the helper's own definition, so
-// that a wrong layout in the helper shows up.
-odm_record decode(const std::vector<unsigned char>& data)
-{
-    odm_record r;
-    memcpy(&r.version, data.data(), 4);
-    memcpy(&r.size, data.data() + 4, 4);
-    memcpy(&r.requested, data.data() + 8, 8);
-    memcpy(&r.available, data.data() + 16, 8);
-    return r;
-}
-
-json control_json(const control_file& cf)
-{
-    return {{"dir", cf.dir}, {"content", read_all(cf.fd)}, {"write_opens", cf.write_opens}};
-}
-
-json mount_json(const mount_call& m, const run_record& run)
-{
-    json j = {
-        {"pid", m.pid},
-        {"source", nullable(m.source)},
-        {"target", nullable(m.target)},
-        {"type", nullable(m.type)},
-        {"flags", m.flags},
-        {"handled_by", m.emulated ? "module" : "kernel"},
-        {"errno", m.emulated && m.error ? json(errno_name(m.error)) : json(nullptr)},
-        {"held", m.held},
-        {"data", nullptr},
-        {"mtab_lock_present", m.lock_present},
-        {"mtab_temp_present", m.temp_present},
-        {"ignored_signals", signal_names(m.ignored)},
-        {"control", m.control >= 0 ? control_json(run.controls[static_cast<std::size_t>(m.control)])
-                                   : json(nullptr)},
-    };
-    if (m.data) {
-        odm_record r = decode(*m.data);
-        std::string hex;
-        char byte[3];
-        for (unsigned char c : *m.data) {
-            snprintf(byte, sizeof byte, "%02x", c);
-            hex += byte;
-        }
-        j["data"] = {{"version", r.version}, {"size", r.size}, {"requested", r.requested},
-                     {"available", r.available}, {"hex", hex}};
-    }
-    return j;
-}
-
-json mtab_json()
-{
-    struct stat st;
-    if (lstat(MTAB_PATH, &st) != 0)
-        return {{"kind", "missing"}};
-    if (S_ISLNK(st.st_mode)) {
-        std::error_code ec;
-        return {{"kind", "symlink"}, {"target", fs::read_symlink(MTAB_PATH, ec).native()}};
-    }
-    if (S_ISREG(st.st_mode))
-        return {{"kind", "file"}, {"content", read_file(MTAB_PATH)}};
-    return {{"kind", "other"}};
-}
-
-std::vector<std::string> lock_files()
-{
-    std::vector<std::string> names;
-    std::error_code ec;
-    for (const auto& entry : fs::directory_iterator("/etc", ec))
-        if (is_lock_name(entry.path().filename().native()))
-            names.push_back(entry.path().filename().native());
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-json tool_runs()
-{
-    std::vector<json> runs;
-    std::error_code ec;
-    for (const auto& entry : fs::directory_iterator(STATE_DIR, ec)) {
-        if (entry.path().extension() != ".json")
-            continue;
-        json run = json::parse(read_file(entry.path()), nullptr, false);
-        if (!run.is_discarded())
-            runs.push_back(run);
-    }
-    std::sort(runs.begin(), runs.end(),
-              [](const json& a, const json& b) { return a["time"] < b["time"]; });
-    return runs;
-}
-
-json scene_json(const options& opt)
-{
-    const scene& sc = opt.sc;
-    return {
-        {"mtab", MTAB_SCENES[static_cast<std::size_t>(sc.mtab)]},
-        {"mtab_locked", sc.mtab_locked},
-        {"odm", sc.odm_present},
-        {"tolvane", TOOL_SCENES[static_cast<std::size_t>(sc.tool)]},
-        {"messages", sc.messages_dir.empty() ? json(nullptr) : json(sc.messages_dir)},
-        {"control", CONTROL_SCENES[static_cast<std::size_t>(sc.control)]},
-        {"mount_errno", opt.mount_errno ? json(errno_name(opt.mount_errno)) : json(nullptr)},
-        {"fork_errno", opt.fork_errno ? json(errno_name(opt.fork_errno)) : json(nullptr)},
-        {"hold_mount", opt.hold_mount},
-        {"helper", sc.helper.empty() ? json(nullptr) : json(sc.helper)},
-        {"fast_sleep", opt.fast_sleep},
-    };
-}
-
-json signal_json(int sig)
-{
-    if (sig <= 0 || sig > 64)
-        return nullptr;
-    return signal_names(std::uint64_t{1} << (sig - 1)).front();
-}
-
-json command_json(const options& opt, const run_record& run)
-{
-    std::vector<std::string> argv(opt.command.begin(), opt.command.end() - 1);
-    int ws = run.wait_status;
-    return {
-        {"argv", argv},
-        {"status", exit_status(run)},
-        {"exit_code", WIFEXITED(ws) ? json(WEXITSTATUS(ws)) : json(nullptr)},
-        {"signal", WIFSIGNALED(ws) ? signal_json(WTERMSIG(ws)) : json(nullptr)},
-        {"timed_out", run.timed_out},
-        {"interrupted_by", signal_json(run.interrupted_by)},
-        {"leftovers_killed", run.leftovers_killed},
-    };
+    const control_file* last = nullptr;
+    for (const mount_call& m : run.mounts)
+        if (m.control)
+            last = &*m.control;
+    return last;
 }
 
 std::string joined(const std::vector<std::string>& words)
@@ -238,155 +55,179 @@ std::string joined(const std::vector<std::string>& words)
     return text.empty() ? "none" : text;
 }
 
-std::string quoted(const json& text)
+std::string in_quotes(const std::optional<std::string>& text)
 {
-    return text.is_null() ? "NULL" : json(text).dump(-1, ' ', false, json::error_handler_t::replace);
+    return text ? json(*text).dump(-1, ' ', false, json::error_handler_t::replace) : "NULL";
 }
 
-void print_mount(const json& m)
+std::string outcome(int error)
 {
-    fprintf(stderr, "odm-sandbox: pid %d: mount(%s, %s, %s, %#" PRIx64, m["pid"].get<int>(),
-            quoted(m["source"]).c_str(), quoted(m["target"]).c_str(), quoted(m["type"]).c_str(),
-            m["flags"].get<std::uint64_t>());
-    if (m["handled_by"] == "kernel") {
-        fputs(", ...) handed to the kernel\n", stderr);
-        return;
-    }
-    const json& d = m["data"];
-    if (d.is_null())
-        fputs(", ?)", stderr);
-    else
-        fprintf(stderr, ", {version %u, size %u, requested %#" PRIx64 ", available %#" PRIx64 "})",
-                d["version"].get<unsigned>(), d["size"].get<unsigned>(),
-                d["requested"].get<std::uint64_t>(), d["available"].get<std::uint64_t>());
-    if (m["held"].get<bool>())
-        fputs(" held, never answered\n", stderr);
-    else if (m["errno"].is_null())
-        fputs(" = 0\n", stderr);
-    else
-        fprintf(stderr, " = -1 %s\n", m["errno"].get<std::string>().c_str());
-    fprintf(stderr, "odm-sandbox:   /etc/mtab~ %s, /etc/mtab~%d %s; ignored signals: %s\n",
-            m["mtab_lock_present"].get<bool>() ? "present" : "absent", m["pid"].get<int>(),
-            m["mtab_temp_present"].get<bool>() ? "present" : "absent",
-            joined(m["ignored_signals"]).c_str());
+    return error ? " = -1 " + errno_name(error) : " = 0";
 }
 
-void print_report(const json& r)
+// The record's fields; or text, which is how mount(8) and busybox hand
+// their options to a file system they do not know.
+std::string data_text(const std::optional<record_bytes>& d)
 {
-    for (const json& m : r["mounts"])
-        print_mount(m);
-    for (const json& s : r["sleeps"])
-        fprintf(stderr, "odm-sandbox: pid %d: sleep of %gs answered at once\n",
-                s["pid"].get<int>(), s["seconds"].get<double>());
+    const char* text = d ? reinterpret_cast<const char*>(d->bytes.data()) : "";
+    std::size_t len = d ? strnlen(text, d->bytes.size()) : 0;
+    if (!d || (len > 0 && std::all_of(text, text + len, [](unsigned char c) { return isprint(c); })))
+        return d ? in_quotes(std::string(text, len)) : "NULL";
+    char fields[160];
+    snprintf(fields, sizeof fields, "{version %u, size %u, requested %#" PRIx64 ", available %#" PRIx64 "}",
+             d->at<std::uint32_t>(0), d->at<std::uint32_t>(4), d->at<std::uint64_t>(8), d->at<std::uint64_t>(16));
+    return fields;
+}
 
-    const json& mtab = r["mtab"];
-    if (mtab["kind"] == "file") {
-        std::string content = mtab["content"];
-        fprintf(stderr, "odm-sandbox: /etc/mtab:%s\n", content.empty() ? " empty" : "");
-        for (std::size_t at = 0; at < content.size();) {
-            std::size_t end = content.find('\n', at);
-            std::string line = content.substr(at, end - at);
-            fprintf(stderr, "odm-sandbox:   %s\n", line.c_str());
-            at = end == std::string::npos ? content.size() : end + 1;
+void print_mount(const mount_call& m)
+{
+    fprintf(stderr, "odm-sandbox: pid %d: mount(%s, %s, %s, %#" PRIx64 ", %s)%s\n", m.pid, in_quotes(m.source).c_str(),
+            in_quotes(m.target).c_str(), in_quotes(m.type).c_str(), m.flags, m.module ? data_text(m.data).c_str() : "...",
+            !m.module ? " handed to the kernel" : m.held ? " held, never answered" : outcome(m.error).c_str());
+    if (m.module)
+        fprintf(stderr, "odm-sandbox:   /etc/mtab~ %s, /etc/mtab~%d %s; ignored signals: %s\n",
+                m.lock_present ? "present" : "absent", m.pid, m.temp_present ? "present" : "absent",
+                joined(signal_names(m.ignored)).c_str());
+}
+
+void print_report(const run_record& run)
+{
+    // Mounts and unmounts in the order they were answered.
+    auto u = run.unmounts.begin();
+    for (auto m = run.mounts.begin(); m != run.mounts.end() || u != run.unmounts.end();) {
+        if (m == run.mounts.end() || (u != run.unmounts.end() && u->time < m->time)) {
+            fprintf(stderr, "odm-sandbox: pid %d: umount2(%s, %#" PRIx64 ")%s\n", u->pid, in_quotes(u->target).c_str(),
+                    u->flags, u->module ? outcome(u->error).c_str() : " handed to the kernel");
+            ++u;
+        } else {
+            print_mount(*m++);
         }
-    } else if (mtab["kind"] == "symlink") {
-        fprintf(stderr, "odm-sandbox: /etc/mtab: link to %s\n",
-                mtab["target"].get<std::string>().c_str());
-    } else {
-        fprintf(stderr, "odm-sandbox: /etc/mtab: %s\n", mtab["kind"].get<std::string>().c_str());
     }
-    fprintf(stderr, "odm-sandbox: lock files in /etc: %s\n", joined(r["lock_files"]).c_str());
+    for (const sleep_call& s : run.sleeps)
+        fprintf(stderr, "odm-sandbox: pid %d: sleep of %gs answered at once\n", s.pid, s.seconds);
+    if (run.mtab_kind == std::string_view("file")) {
+        fprintf(stderr, "odm-sandbox: /etc/mtab:%s\n", run.mtab_text.empty() ? " empty" : "");
+        for (std::size_t at = 0, end; at < run.mtab_text.size(); at = end + 1) {
+            end = std::min(run.mtab_text.find('\n', at), run.mtab_text.size());
+            fprintf(stderr, "odm-sandbox:   %s\n", run.mtab_text.substr(at, end - at).c_str());
+        }
+    } else if (run.mtab_kind == std::string_view("symlink")) {
+        fprintf(stderr, "odm-sandbox: /etc/mtab: link to %s\n", run.mtab_text.c_str());
+    } else {
+        fprintf(stderr, "odm-sandbox: /etc/mtab: %s\n", run.mtab_kind);
+    }
+    fprintf(stderr, "odm-sandbox: lock files in /etc: %s\n", joined(run.lock_files).c_str());
+    for (const tool_run& t : run.tool_runs)
+        fprintf(stderr, "odm-sandbox: pid %d: ran %s; ignored signals: %s\n", t.pid, joined(t.argv).c_str(),
+                joined(signal_names(t.ignored)).c_str());
+    if (const control_file* c = last_control(run))
+        fprintf(stderr, "odm-sandbox: %s/%s: %s, opened for writing %d time(s)\n", c->dir.c_str(), CONTROL_NAME,
+                in_quotes(c->content).c_str(), c->write_opens);
 
-    for (const json& t : r["tool_runs"])
-        fprintf(stderr, "odm-sandbox: pid %d: ran %s; ignored signals: %s\n", t["pid"].get<int>(),
-                joined(t["argv"]).c_str(), joined(t["ignored_signals"]).c_str());
-    if (const json& c = r["control"]; !c.is_null())
-        fprintf(stderr, "odm-sandbox: %s/%s: %s, opened for writing %d time(s)\n",
-                c["dir"].get<std::string>().c_str(), CONTROL_NAME, quoted(c["content"]).c_str(),
-                c["write_opens"].get<int>());
-
-    const json& cmd = r["command"];
-    if (cmd["timed_out"].get<bool>())
+    const command_end& c = run.command;
+    if (c.timed_out)
         fputs("odm-sandbox: COMMAND timed out and was killed\n", stderr);
-    else if (!cmd["interrupted_by"].is_null())
-        fprintf(stderr, "odm-sandbox: stopped by %s; COMMAND was killed\n",
-                cmd["interrupted_by"].get<std::string>().c_str());
-    else if (!cmd["signal"].is_null())
-        fprintf(stderr, "odm-sandbox: COMMAND was killed by %s\n",
-                cmd["signal"].get<std::string>().c_str());
+    else if (c.interrupted_by)
+        fprintf(stderr, "odm-sandbox: stopped by %s; COMMAND was killed\n", signal_of(c.interrupted_by)->c_str());
+    else if (WIFSIGNALED(c.wait_status))
+        fprintf(stderr, "odm-sandbox: COMMAND was killed by %s\n", signal_of(WTERMSIG(c.wait_status))->c_str());
     else
-        fprintf(stderr, "odm-sandbox: COMMAND exited with status %d\n", cmd["status"].get<int>());
-    if (int n = cmd["leftovers_killed"].get<int>())
-        fprintf(stderr, "odm-sandbox: killed %d process(es) COMMAND left running\n", n);
+        fprintf(stderr, "odm-sandbox: COMMAND exited with status %d\n", exit_status(c));
+    if (c.leftovers_killed)
+        fprintf(stderr, "odm-sandbox: killed %d process(es) COMMAND left running\n", c.leftovers_killed);
 }
 
 }  // namespace
 
-void report(const options& opt, run_record& run, int json_fd)
+void to_json(json& j, const control_file& c)
 {
-    count_write_opens(run);
-    json mounts = json::array();
-    json control = nullptr;
-    for (const mount_call& m : run.mounts) {
-        mounts.push_back(mount_json(m, run));
-        if (m.control >= 0)
-            control = mounts.back()["control"];
-    }
-    json sleeps = json::array();
-    for (const sleep_call& s : run.sleeps)
-        sleeps.push_back({{"pid", s.pid}, {"seconds", s.seconds}});
-
-    json r = {
-        {"command", command_json(opt, run)},
-        {"scene", scene_json(opt)},
-        {"mounts", mounts},
-        {"sleeps", sleeps},
-        {"mtab", mtab_json()},
-        {"lock_files", lock_files()},
-        {"control", control},
-        {"tool_runs", tool_runs()},
-    };
-    if (!opt.quiet)
-        print_report(r);
-    if (json_fd >= 0) {
-        std::string text = r.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
-        if (write(json_fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
-            complain("%s: %s", opt.json_path.c_str(), strerror(errno));
-        close(json_fd);
-    }
+    j = {{"dir", c.dir}, {"content", c.content}, {"write_opens", c.write_opens}};
 }
 
-bool invoked_as_recorder(const char* argv0)
+void to_json(json& j, const record_bytes& d)
 {
-    const char* slash = strrchr(argv0, '/');
-    return strcmp(slash ? slash + 1 : argv0, TOOL_NAME) == 0;
+    std::string hex;
+    for (unsigned char c : d.bytes)
+        hex += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
+    j = {{"version", d.at<std::uint32_t>(0)}, {"size", d.at<std::uint32_t>(4)},
+         {"requested", d.at<std::uint64_t>(8)}, {"available", d.at<std::uint64_t>(16)}, {"hex", hex}};
 }
 
-int record_tool_run(int argc, char** argv)
+void to_json(json& j, const mount_call& m)
 {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    std::vector<std::string> env;
-    for (char** e = environ; *e; ++e)
-        env.emplace_back(*e);
-    json run = {
-        {"pid", getpid()},
-        {"time", static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec},
-        {"argv", std::vector<std::string>(argv, argv + argc)},
-        {"env", env},
-        {"ignored_signals", signal_names(own_ignored_signals())},
-    };
-    // Written under a temporary name, so the supervisor never reads half of it.
-    std::string path = std::string(STATE_DIR) + "/tool." + std::to_string(getpid());
-    std::string text = run.dump(-1, ' ', false, json::error_handler_t::replace);
-    int fd = open((path + ".tmp").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-        close(fd) != 0 || rename((path + ".tmp").c_str(), (path + ".json").c_str()) != 0) {
-        fprintf(stderr, "%s: odm-sandbox recording tool: %s: %s\n", argv[0], path.c_str(),
-                strerror(errno));
-        return 1;
-    }
-    return 0;
+    j = {{"pid", m.pid}, {"time", m.time}, {"source", m.source}, {"target", m.target}, {"type", m.type},
+         {"flags", m.flags}, {"handled_by", m.module ? "module" : "kernel"}, {"errno", errno_of(m.error)},
+         {"held", m.held}, {"data", m.data}, {"mtab_lock_present", m.lock_present},
+         {"mtab_temp_present", m.temp_present}, {"ignored_signals", signal_names(m.ignored)},
+         {"control", m.control}};
+}
+
+void to_json(json& j, const unmount_call& u)
+{
+    j = {{"pid", u.pid}, {"time", u.time}, {"target", u.target}, {"flags", u.flags},
+         {"handled_by", u.module ? "module" : "kernel"}, {"errno", errno_of(u.error)}};
+}
+
+void to_json(json& j, const sleep_call& s)
+{
+    j = {{"pid", s.pid}, {"seconds", s.seconds}};
+}
+
+void to_json(json& j, const tool_run& t)
+{
+    j = {{"pid", t.pid}, {"time", t.time}, {"argv", t.argv}, {"env", t.env},
+         {"ignored_signals", signal_names(t.ignored)}};
+}
+
+void to_json(json& j, const scene& sc)
+{
+    j = {{"mtab", MTAB_SCENES[static_cast<int>(sc.mtab)]}, {"mtab_locked", sc.mtab_locked},
+         {"odm", sc.odm_present}, {"tolvane", TOOL_SCENES[static_cast<int>(sc.tool)]},
+         {"messages", sc.messages_dir}, {"control", CONTROL_SCENES[static_cast<int>(sc.control)]},
+         {"mount_errno", errno_of(sc.mount_errno)}, {"fork_errno", errno_of(sc.fork_errno)},
+         {"hold_mount", sc.hold_mount}, {"helper", sc.helper}, {"fast_sleep", sc.fast_sleep}};
+}
+
+int exit_status(const command_end& c)
+{
+    int ws = c.wait_status;
+    return c.timed_out ? EXIT_TIMED_OUT
+           : WIFEXITED(ws) ? WEXITSTATUS(ws)
+           : WIFSIGNALED(ws) ? 128 + WTERMSIG(ws)
+                             : EXIT_SANDBOX_FAILED;
+}
+
+void to_json(json& j, const command_end& c)
+{
+    int ws = c.wait_status;
+    j = {{"argv", c.argv}, {"status", exit_status(c)},
+         {"exit_code", WIFEXITED(ws) ? std::optional(WEXITSTATUS(ws)) : std::nullopt},
+         {"signal", WIFSIGNALED(ws) ? signal_of(WTERMSIG(ws)) : std::nullopt}, {"timed_out", c.timed_out},
+         {"interrupted_by", signal_of(c.interrupted_by)}, {"leftovers_killed", c.leftovers_killed}};
+}
+
+void to_json(json& j, const run_record& run)
+{
+    json mtab = {{"kind", run.mtab_kind}};
+    if (run.mtab_kind == std::string_view("file"))
+        mtab["content"] = run.mtab_text;
+    else if (run.mtab_kind == std::string_view("symlink"))
+        mtab["target"] = run.mtab_text;
+    const control_file* control = last_control(run);
+    j = {{"command", run.command}, {"scene", run.sc}, {"mounts", run.mounts}, {"unmounts", run.unmounts},
+         {"sleeps", run.sleeps}, {"mtab", mtab}, {"lock_files", run.lock_files},
+         {"control", control ? json(*control) : json(nullptr)}, {"tool_runs", run.tool_runs}};
+}
+
+void report(const run_record& run, bool quiet, int json_fd)
+{
+    if (!quiet)
+        print_report(run);
+    if (json_fd < 0)
+        return;
+    std::string text = json(run).dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+    if (write(json_fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()) || close(json_fd) != 0)
+        complain("cannot write the JSON report: %s", strerror(errno));
 }
 
 }  // namespace sandbox
