@@ -15,9 +15,6 @@ namespace {
 
 using nlohmann::json;
 
-// The scene whose control file takes fewer bytes than written.
-const std::string CONTROL_WRITE_FAILS = "short";
-
 const std::string OLD = "proc /proc proc rw 0 0\n";
 constexpr char CLUSTER[] = "none /dev/odm qeodmfs cluster,smartsync 0 0\n";
 const json SIGNALS = {"SIGHUP", "SIGINT", "SIGQUIT"};
@@ -87,7 +84,7 @@ TEST_F(E2eTest, Runs)
         {{"--control", "missing"}, "", {"-o", "cluster"}, "",
          "ODM mount WARNING T-41-1-0-0-7 could not open /dev/odm/cluster\n", RECORD_2,
          CLUSTER, 1, 0, 0, 0, 255, -1, true},
-        {{"--control", CONTROL_WRITE_FAILS}, "", {"-o", "cluster"}, "",
+        {{"--control", "full"}, "", {"-o", "cluster"}, "",
          "ODM mount WARNING T-41-1-0-0-8 could not write /dev/odm/cluster\n", RECORD_2,
          CLUSTER, 1, 0, 0, 0, 255, 1, true},
         {{"--fork-errno", "EAGAIN", "--tolvane-record"}, "", {"-o", "cluster"}, "",
