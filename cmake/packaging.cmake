@@ -87,6 +87,8 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 # Every time in the package is the commit's (cmake/cpack_options.cmake).
 set(CPACK_ODM_SOURCE_DIR ${PROJECT_SOURCE_DIR})
 set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_SOURCE_DIR}/cmake/cpack_options.cmake)
+# The package must not list /opt, which is not ours to remove.
+set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/leave_opt.cmake)
 
 # One package from the components a plain install does not combine this
 # way: the packaged helper, its manual page, the catalogues and Debian's

@@ -2,8 +2,9 @@
 # deb_package.sh DEB        (./dev.sh package and ./dev.sh repro run it)
 #
 # What a user of the package gets: the files, links and modes, a dependency
-# on libc6 alone, a changelog that matches the version, a hardened helper
-# and a lintian report with no tag that lacks a written reason.
+# on libc6 alone, a changelog that matches the version, a hardened helper,
+# a removal that leaves /opt in place, and a lintian report with no tag
+# that lacks a written reason.
 set -eu
 deb=$1
 fail=0
@@ -37,6 +38,37 @@ gzip -dc "$work/usr/share/doc/qeodmfs-mount/changelog.gz" | head -n 1 | grep -Fq
 # Debian 12's own start files (Scrt1.o, crti.o) carry no IBT/SHSTK mark, so
 # no program built on it passes the control-flow check.
 hardening-check --nocfprotection "$work/usr/sbin/mount.qeodmfs" || fail=1
+
+# Removal gives back the system the package found: a root as Debian leaves
+# it, where /opt exists but belongs to no package (base-files makes it).
+# Later /opt/KELD/bin holds the configuration tool of another package,
+# which keeps /opt/KELD. Not root, dpkg runs under fakeroot, which
+# devscripts brings.
+root=$work/root
+mkdir -p "$root/opt" "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates"
+: >"$root/var/lib/dpkg/status"
+: >"$root/var/lib/dpkg/available"
+as_root=
+[ "$(id -u)" -eq 0 ] || as_root=fakeroot
+in_root() {
+    $as_root dpkg --root="$root" --log="$work/dpkg.log" --force-depends --force-not-root \
+        "$@" >"$work/dpkg.out" 2>&1 || { cat "$work/dpkg.out"; fail=1; }
+}
+left_in_opt() {
+    found=$(cd "$root" && find opt 2>/dev/null | LC_ALL=C sort | tr '\n' ' ')
+    [ "$found" = "$1" ] || { echo "after dpkg $2, /opt holds: $found (expected $1)"; fail=1; }
+}
+in_root -i "$deb"
+in_root -r qeodmfs-mount
+left_in_opt "opt " -r
+mkdir -p "$root/opt/KELD/bin"
+: >"$root/opt/KELD/bin/tolvane"
+in_root -i "$deb"
+in_root -P qeodmfs-mount
+left_in_opt "opt opt/KELD opt/KELD/bin opt/KELD/bin/tolvane " -P
+in_root -i "$deb"
+[ -f "$root/opt/KELD/messages/en_US.UTF-8/KELDodm.cat" ] ||
+    { echo "installing again left no catalogue"; fail=1; }
 
 # Root is how CI runs; lintian's notice about it is not a finding. Lintian
 # leaves its caches in TMPDIR, so they go with the work directory.

@@ -1,0 +1,44 @@
+# Run by cpack on each package it has made (CPACK_POST_BUILD_SCRIPTS).
+#
+# No package owns /opt: base-files makes it in its postinst. CPack writes an
+# entry for every parent directory of what it packs, and dpkg removes each
+# directory a package lists once it is empty, so removing the package would
+# take /opt with it. This drops that one entry from the data archive. The
+# directories from /opt/KELD down stay listed: they are ours, and dpkg
+# removes them only when nothing else is left in them.
+find_program(AR ar REQUIRED)
+find_program(TAR tar REQUIRED)
+find_program(GZIP gzip REQUIRED)
+find_program(DPKG_DEB dpkg-deb REQUIRED)
+
+foreach(deb IN LISTS CPACK_PACKAGE_FILES)
+    set(work ${deb}.parts)
+    file(REMOVE_RECURSE ${work})
+    file(MAKE_DIRECTORY ${work})
+    execute_process(COMMAND ${AR} t ${deb}
+        OUTPUT_VARIABLE members OUTPUT_STRIP_TRAILING_WHITESPACE
+        COMMAND_ERROR_IS_FATAL ANY)
+    string(REPLACE "\n" ";" members "${members}")
+    if(NOT members STREQUAL "debian-binary;control.tar.gz;data.tar.gz")
+        message(FATAL_ERROR "${deb}: unexpected members ${members}")
+    endif()
+    execute_process(COMMAND ${AR} x ${deb} debian-binary control.tar.gz
+        WORKING_DIRECTORY ${work}
+        COMMAND_ERROR_IS_FATAL ANY)
+    execute_process(COMMAND ${DPKG_DEB} --fsys-tarfile ${deb}
+        OUTPUT_FILE ${work}/data.tar
+        COMMAND_ERROR_IS_FATAL ANY)
+    # Without --no-recursion tar would delete everything under /opt too.
+    execute_process(COMMAND ${TAR} --delete --no-recursion -f data.tar ./opt/
+        WORKING_DIRECTORY ${work}
+        COMMAND_ERROR_IS_FATAL ANY)
+    execute_process(COMMAND ${GZIP} -9n data.tar
+        WORKING_DIRECTORY ${work}
+        COMMAND_ERROR_IS_FATAL ANY)
+    # D: no times, owners or modes of the build machine in the archive.
+    file(REMOVE ${deb})
+    execute_process(COMMAND ${AR} rcD ${deb} debian-binary control.tar.gz data.tar.gz
+        WORKING_DIRECTORY ${work}
+        COMMAND_ERROR_IS_FATAL ANY)
+    file(REMOVE_RECURSE ${work})
+endforeach()
