@@ -1,4 +1,4 @@
-#include "sandbox.h"
+#include "answers.h"
 
 #include <sched.h>
 #include <sys/syscall.h>

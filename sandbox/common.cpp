@@ -1,9 +1,15 @@
-#include "sandbox.h"
+#include "common.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <cerrno>
 #include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 namespace sandbox {
 namespace {
@@ -31,6 +37,19 @@ void die(const char* fmt, ...)
     va_start(ap, fmt);
     vcomplain(fmt, ap);
     va_end(ap);
+    exit(EXIT_SANDBOX_FAILED);
+}
+
+int cannot(const char* call, const std::string& path)
+{
+    int err = errno;
+    complain("cannot %s %s: %s", call, path.c_str(), strerror(err));
+    return err;
+}
+
+void fail(const char* call, const std::string& path)
+{
+    cannot(call, path);
     exit(EXIT_SANDBOX_FAILED);
 }
 

@@ -1,14 +1,37 @@
-#include "sandbox.h"
+#include "listener.h"
 
+#include <fcntl.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
+#include <cstring>
+
+#include "common.h"
 
 namespace sandbox {
+namespace {
+
+const seccomp_notif& notif(const std::vector<char>& req)
+{
+    return *reinterpret_cast<const seccomp_notif*>(req.data());
+}
+
+// The number after `key` in /proc/PID/status, or 0 when it is not there.
+std::uint64_t status_field(const std::string& status, const char* key, int base)
+{
+    std::size_t at = status.find(key);
+    return at == std::string::npos ? 0 : strtoull(status.c_str() + at + strlen(key), nullptr, base);
+}
+
+}  // namespace
+
 #if defined(__x86_64__)
 constexpr std::uint32_t NATIVE_ARCH = AUDIT_ARCH_X86_64;
 #elif defined(__aarch64__)
@@ -33,11 +56,18 @@ bool install_filter(const std::vector<long>& trapped, int sock)
     f.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
     sock_fprog prog{static_cast<unsigned short>(f.size()), f.data()};
     int fd = static_cast<int>(syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &prog));
-    if (fd < 0)
-        complain("%scannot install a seccomp filter with a listener: %s", UNAVAILABLE, strerror(errno));
-    // The parent copies the listener out of our descriptors, and says when.
+    if (fd < 0) {
+        complain("%scannot seccomp(SECCOMP_SET_MODE_FILTER) with a listener: %s", UNAVAILABLE, strerror(errno));
+        return false;
+    }
+    // The parent copies the listener out of our descriptors, says when,
+    // and tells its own failures.
+    if (write(sock, &fd, sizeof fd) != sizeof fd) {
+        cannot("write", "the supervisor's socket");
+        return false;
+    }
     char taken = 0;
-    return fd >= 0 && write(sock, &fd, sizeof fd) == sizeof fd && read(sock, &taken, 1) == 1 && close(fd) == 0;
+    return read(sock, &taken, 1) == 1 && close(fd) == 0;
 }
 
 int take_listener(pid_t child, int sock)
@@ -46,9 +76,11 @@ int take_listener(pid_t child, int sock)
     if (read(sock, &theirs, sizeof theirs) != sizeof theirs)
         return -1;  // the child failed first, and said why
     int pidfd = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
+    if (pidfd < 0)
+        die("%scannot pidfd_open process %d: %s", errno == ENOSYS ? UNAVAILABLE : "", child, strerror(errno));
     int fd = static_cast<int>(syscall(SYS_pidfd_getfd, pidfd, theirs, 0));
     if (fd < 0)
-        die("%scannot take the seccomp listener from process %d: %s", UNAVAILABLE, child, strerror(errno));
+        die("%scannot pidfd_getfd the seccomp listener of process %d: %s", UNAVAILABLE, child, strerror(errno));
     close(pidfd);
     return write(sock, "", 1) == 1 ? fd : -1;
 }
@@ -57,7 +89,7 @@ listener::listener(int fd) : fd_(fd)
 {
     seccomp_notif_sizes sizes{};
     if (syscall(SYS_seccomp, SECCOMP_GET_NOTIF_SIZES, 0, &sizes) != 0)
-        die("cannot ask for the seccomp notification sizes: %s", strerror(errno));
+        die("cannot seccomp(SECCOMP_GET_NOTIF_SIZES): %s", strerror(errno));
     req_.resize(std::max<std::size_t>(sizes.seccomp_notif, sizeof(seccomp_notif)));
     resp_.resize(std::max<std::size_t>(sizes.seccomp_notif_resp, sizeof(seccomp_notif_resp)));
 }
@@ -76,20 +108,19 @@ bool listener::receive()
     std::fill(req_.begin(), req_.end(), 0);
     if (ioctl(fd_, SECCOMP_IOCTL_NOTIF_RECV, req_.data()) != 0)
         return false;  // the caller died before we got to it
-    std::string proc = "/proc/" + std::to_string(req().pid);
+    std::string proc = "/proc/" + std::to_string(notif(req_).pid);
     mem_ = open((proc + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
     std::string status = read_file(proc + "/status");
     // Checked after the opens: had the pid been recycled before them, the
     // call would no longer be valid, and a stranger's memory is not read.
-    std::uint64_t id = req().id;
+    std::uint64_t id = notif(req_).id;
     bool live = ioctl(fd_, SECCOMP_IOCTL_NOTIF_ID_VALID, &id) == 0;
-    if (live && mem_ >= 0 && !status.empty()) {
-        tgid_ = static_cast<pid_t>(strtol(status.c_str() + status.find("\nTgid:") + 6, nullptr, 10));
-        ignored_ = strtoull(status.c_str() + status.find("\nSigIgn:") + 8, nullptr, 16);
+    tgid_ = static_cast<pid_t>(status_field(status, "\nTgid:", 10));
+    ignored_ = status_field(status, "\nSigIgn:", 16);
+    if (live && mem_ >= 0 && tgid_ > 0)
         return true;
-    }
     if (live) {
-        complain("cannot read process %d: %s", req().pid, strerror(errno));
+        cannot("read", mem_ < 0 ? proc + "/mem" : proc + "/status");
         pass_on();
     }
     return false;
@@ -112,14 +143,29 @@ std::optional<std::string> listener::string_at(std::uint64_t addr) const
 std::string listener::reachable(const std::string& path) const
 {
     // A relative one through the caller's working directory.
-    return path.starts_with('/') ? path : "/proc/" + std::to_string(req().pid) + "/cwd/" + path;
+    return path.starts_with('/') ? path : "/proc/" + std::to_string(notif(req_).pid) + "/cwd/" + path;
+}
+
+long listener::nr() const
+{
+    return notif(req_).data.nr;
+}
+
+std::uint64_t listener::arg(int i) const
+{
+    return notif(req_).data.args[i];
+}
+
+void listener::pass_on()
+{
+    reply(0, 0, SECCOMP_USER_NOTIF_FLAG_CONTINUE);
 }
 
 void listener::reply(std::int64_t val, int error, std::uint32_t flags)
 {
     std::fill(resp_.begin(), resp_.end(), 0);
     auto* resp = reinterpret_cast<seccomp_notif_resp*>(resp_.data());
-    resp->id = req().id;
+    resp->id = notif(req_).id;
     resp->val = val;
     resp->error = -error;
     resp->flags = flags;

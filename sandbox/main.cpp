@@ -1,16 +1,29 @@
 // odm-sandbox: runs a command in a throwaway system where an emulated kernel
 // module answers mount(2) of "qeodmfs", and reports what the command did.
 
-#include "sandbox.h"
-
+#include <fcntl.h>
 #include <getopt.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "common.h"
+#include "isolate.h"
+#include "recorder.h"
+#include "report.h"
+#include "supervise.h"
 
 namespace sandbox {
 namespace {
 
 // getopt hands every option that takes an argument a non-null one.
+
+// A day: longer than any test may take, and short enough for poll(2)'s
+// milliseconds.
+constexpr double MAX_TIMEOUT = 86400;
 
 template <typename E, std::size_t N>
 E choose(const char* option, const char* arg, const std::array<const char*, N>& words)
@@ -67,12 +80,12 @@ constexpr option_row OPTIONS[] = {
      [](options& o, const char* a) { o.sc.helper = a; }},
     {"fast-sleep", 0, nullptr, "sleeps of COMMAND and everything under it return at once, and are recorded",
      [](options& o, const char*) { o.sc.fast_sleep = true; }},
-    {"timeout", 0, "SECONDS", "COMMAND and everything under it are killed after SECONDS; the status is 124",
+    {"timeout", 0, "SECONDS", "COMMAND and everything under it are killed after SECONDS, at most 86400; the status is 124",
      [](options& o, const char* a) {
          char* end = nullptr;
          o.timeout = strtod(a, &end);  // NOLINT(clang-analyzer-core.NonNullParamChecker)
-         if (end == a || *end != '\0' || !(o.timeout > 0))
-             die("--timeout: not a positive number of seconds: '%s'", a);
+         if (end == a || *end != '\0' || !(o.timeout > 0 && o.timeout <= MAX_TIMEOUT))
+             die("--timeout: not a number of seconds above 0 and up to %g: '%s'", MAX_TIMEOUT, a);
      }},
     {"json", 0, "FILE", "the report as JSON into FILE, which is opened before anything else",
      [](options& o, const char* a) { o.json_path = a; }},
@@ -133,7 +146,7 @@ int main(int argc, char** argv)
     // report lands where the caller meant, whatever path was given.
     int json_fd = opt.json_path.empty() ? -1 : open(opt.json_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (!opt.json_path.empty() && json_fd < 0)
-        die("%s: %s", opt.json_path.c_str(), strerror(errno));
+        fail("open", opt.json_path);
     isolate(opt.sc);
     run_record run = supervise(opt);
     record_end_state(run);

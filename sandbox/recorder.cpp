@@ -1,9 +1,11 @@
-#include "sandbox.h"
+#include "recorder.h"
 
-#include <sys/inotify.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
+
+#include "common.h"
 
 namespace sandbox {
 namespace {
@@ -33,19 +35,6 @@ void answer_exec(listener& l, const scene& /*sc*/, run_record& run)
 
 void record_end_state(run_record& run)
 {
-    // Each close of a control file that was opened for writing.
-    alignas(inotify_event) char buf[4096];
-    for (ssize_t n; run.inotify >= 0 && (n = read(run.inotify, buf, sizeof buf)) > 0;) {
-        for (char* p = buf; p < buf + n; p += sizeof(inotify_event) + reinterpret_cast<inotify_event*>(p)->len) {
-            const auto* ev = reinterpret_cast<const inotify_event*>(p);
-            for (mount_call& m : run.mounts)
-                if (m.control && m.control->watch == ev->wd && (ev->mask & IN_CLOSE_WRITE))
-                    ++m.control->write_opens;
-        }
-    }
-    for (mount_call& m : run.mounts)  // cppcheck-suppress constVariable ; its control file is written
-        if (m.control && m.control->fd >= 0)
-            m.control->content = read_all(m.control->fd);
     struct stat st {};
     run.mtab_kind = lstat(MTAB_PATH, &st) != 0 ? "missing"
                     : S_ISLNK(st.st_mode)      ? "symlink"

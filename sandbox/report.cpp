@@ -1,12 +1,17 @@
-#include "sandbox.h"
+#include "report.h"
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cinttypes>
+#include <cstring>
 
 #include <nlohmann/json.hpp>
+
+#include "common.h"
 
 namespace nlohmann {
 // An empty optional is null.

@@ -1,4 +1,4 @@
-#include "sandbox.h"
+#include "supervise.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -8,30 +8,43 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
+#include <functional>
 #include <set>
+
+#include "answers.h"
+#include "common.h"
+#include "listener.h"
+#include "module.h"
+#include "recorder.h"
 
 namespace sandbox {
 namespace {
 
-using answer_fn = void (*)(listener&, const scene&, run_record&);
-using trap_list = std::vector<std::pair<long, answer_fn>>;
+using trap_list = std::vector<std::pair<long, std::function<void(listener&)>>>;
 
 // The system calls that COMMAND's tree waits in for our answer, and who gives it.
-trap_list traps(const scene& sc)
+trap_list traps(const scene& sc, module& mod, run_record& run)
 {
-    trap_list traps{{SYS_mount, answer_mount}, {SYS_umount2, answer_unmount}};
+    auto with = [&sc, &run](void (*answer)(listener&, const scene&, run_record&)) {
+        return [&sc, &run, answer](listener& l) { answer(l, sc, run); };
+    };
+    trap_list traps{{SYS_mount, [&mod](listener& l) { mod.answer_mount(l); }},
+                    {SYS_umount2, [&mod](listener& l) { mod.answer_unmount(l); }}};
     if (sc.tool == tool_scene::recorder)
-        traps.emplace_back(SYS_execve, answer_exec);
+        traps.emplace_back(SYS_execve, with(answer_exec));
     if (sc.fast_sleep)
-        traps.insert(traps.end(), {{SYS_nanosleep, answer_sleep}, {SYS_clock_nanosleep, answer_sleep}});
+        traps.insert(traps.end(), {{SYS_nanosleep, with(answer_sleep)}, {SYS_clock_nanosleep, with(answer_sleep)}});
     if (sc.fork_errno)
-        traps.insert(traps.end(), {{SYS_clone, answer_fork}, {SYS_clone3, answer_fork}});
+        traps.insert(traps.end(), {{SYS_clone, with(answer_fork)}, {SYS_clone3, with(answer_fork)}});
 #ifdef SYS_fork
     if (sc.fork_errno)
-        traps.insert(traps.end(), {{SYS_fork, answer_fork}, {SYS_vfork, answer_fork}});
+        traps.insert(traps.end(), {{SYS_fork, with(answer_fork)}, {SYS_vfork, with(answer_fork)}});
 #endif
     return traps;
 }
@@ -56,8 +69,8 @@ trap_list traps(const scene& sc)
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     std::vector<long> trapped;
-    for (auto [nr, answer] : traps)
-        trapped.push_back(nr);
+    for (const auto& trap : traps)
+        trapped.push_back(trap.first);
     if (!install_filter(trapped, sock))
         _exit(EXIT_SANDBOX_FAILED);
     execvp(opt.command[0], opt.command.data());
@@ -104,19 +117,20 @@ bool reap(pid_t child, command_end& end)
     return reaped;
 }
 
-// As a subreaper we inherit every orphan, so once the tree is killed and
-// reaped nothing of COMMAND runs on without a supervisor. Counts the killed.
-int kill_tree(pid_t child, command_end& end, bool& child_reaped)
+// As a subreaper we inherit every orphan, so once no child is left to reap
+// nothing of COMMAND runs on without a supervisor, and COMMAND's own end is
+// known. `first` goes to each process before SIGKILL: a program that does
+// not handle it ends by it. Counts the processes killed.
+int kill_tree(pid_t child, int first, command_end& end)
 {
     std::set<pid_t> killed;
-    std::vector<pid_t> procs;
-    for (int round = 0; round < 10000 && !(procs = descendants()).empty(); ++round) {
-        for (pid_t pid : procs)
-            if (kill(pid, SIGKILL) == 0)
-                killed.insert(pid);
-        child_reaped = reap(child, end) || child_reaped;
-        timespec pause{0, 1000000};
-        nanosleep(&pause, nullptr);
+    int status;
+    for (pid_t pid = 0; pid >= 0; pid = waitpid(-1, &status, 0)) {
+        if (pid == child)
+            end.wait_status = status;
+        for (pid_t p : descendants())
+            if (kill(p, first) == 0 && kill(p, SIGKILL) == 0)
+                killed.insert(p);
     }
     return static_cast<int>(killed.size());
 }
@@ -128,6 +142,7 @@ run_record supervise(const options& opt)
 {
     run_record run;
     run.sc = opt.sc;
+    module mod(opt.sc);
     run.command.argv.assign(opt.command.begin(), opt.command.end() - 1);
     sigset_t handled;
     sigemptyset(&handled);
@@ -135,14 +150,17 @@ run_record supervise(const options& opt)
         sigaddset(&handled, sig);
     sigprocmask(SIG_BLOCK, &handled, nullptr);
     int sigfd = signalfd(-1, &handled, SFD_CLOEXEC);
+    if (sigfd < 0)
+        die("cannot signalfd: %s", strerror(errno));
+    if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0)
+        die("cannot prctl(PR_SET_CHILD_SUBREAPER): %s", strerror(errno));
     int sock[2];
-    if (sigfd < 0 || prctl(PR_SET_CHILD_SUBREAPER, 1) != 0 ||
-        socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sock) != 0)
-        die("cannot set up the supervisor: %s", strerror(errno));
-    const trap_list answers = traps(opt.sc);
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sock) != 0)
+        die("cannot socketpair: %s", strerror(errno));
+    const trap_list answers = traps(opt.sc, mod, run);
     pid_t child = fork();
     if (child < 0)
-        die("fork: %s", strerror(errno));
+        die("cannot fork: %s", strerror(errno));
     if (child == 0)
         run_command(opt, answers, sock[1]);
     close(sock[1]);
@@ -157,7 +175,7 @@ run_record supervise(const options& opt)
         std::int64_t left_ms = (deadline - monotonic_ns() + 999999) / 1000000;
         int ready = poll(fds, 2, deadline ? static_cast<int>(std::max<std::int64_t>(0, left_ms)) : -1);
         if (ready < 0 && errno != EINTR)
-            die("poll: %s", strerror(errno));
+            die("cannot poll: %s", strerror(errno));
         signalfd_siginfo si;
         if (ready == 0) {
             run.command.timed_out = true;
@@ -170,18 +188,21 @@ run_record supervise(const options& opt)
         if (run.command.timed_out || run.command.interrupted_by)
             break;
         if ((fds[1].revents & POLLIN) && l.receive()) {
-            for (auto [nr, answer] : answers)
+            for (const auto& [nr, answer] : answers)
                 if (nr == l.nr())
-                    answer(l, opt.sc, run);
+                    answer(l);
         } else if (fds[1].revents & (POLLHUP | POLLERR)) {
             fds[1].fd = -1;
         }
     }
     // What COMMAND leaves behind would otherwise run on without us. After a
-    // timeout or a signal, that is COMMAND itself, and no leftover.
-    int killed = kill_tree(child, run.command, child_reaped);
-    run.command.leftovers_killed = run.command.timed_out || run.command.interrupted_by ? 0 : killed;
+    // timeout or a signal, that is COMMAND itself, and no leftover. SIGQUIT
+    // is not passed on: it would leave core files.
+    const int sig = run.command.interrupted_by;
+    int killed = kill_tree(child, sig && sig != SIGQUIT ? sig : SIGKILL, run.command);
+    run.command.leftovers_killed = run.command.timed_out || sig ? 0 : killed;
     close(sigfd);
+    mod.hand_over(run);
     return run;
 }
 

@@ -1,0 +1,14 @@
+// The run told, from the recorded facts alone.
+#pragma once
+
+#include "record.h"
+
+namespace sandbox {
+
+// Briefly on stderr unless `quiet`, and in full as JSON into `json_fd`
+// when it is open.
+void report(const run_record& run, bool quiet, int json_fd);
+// What the sandbox exits with, and the report's status.
+int exit_status(const command_end& c);
+
+}  // namespace sandbox
