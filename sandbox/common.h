@@ -2,7 +2,13 @@
 // the scene, and how a failure is told.
 #pragma once
 
+// Every part opens, reads and tells failures by errno.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>

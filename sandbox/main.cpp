@@ -1,18 +1,14 @@
 // odm-sandbox: runs a command in a throwaway system where an emulated kernel
 // module answers mount(2) of "qeodmfs", and reports what the command did.
 
-#include <fcntl.h>
 #include <getopt.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "common.h"
 #include "isolate.h"
-#include "recorder.h"
 #include "report.h"
 #include "supervise.h"
 
@@ -149,7 +145,6 @@ int main(int argc, char** argv)
         fail("open", opt.json_path);
     isolate(opt.sc);
     run_record run = supervise(opt);
-    record_end_state(run);
     report(run, opt.quiet, json_fd);
     return exit_status(run.command);
 }

@@ -1,14 +1,10 @@
 #include "module.h"
 
-#include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 
 #include "common.h"
 

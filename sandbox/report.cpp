@@ -1,13 +1,10 @@
 #include "report.h"
 
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <cinttypes>
-#include <cstring>
 
 #include <nlohmann/json.hpp>
 

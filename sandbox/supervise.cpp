@@ -5,14 +5,12 @@
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <set>
@@ -21,10 +19,11 @@
 #include "common.h"
 #include "listener.h"
 #include "module.h"
-#include "recorder.h"
 
 namespace sandbox {
 namespace {
+
+namespace fs = std::filesystem;
 
 using trap_list = std::vector<std::pair<long, std::function<void(listener&)>>>;
 
@@ -85,7 +84,7 @@ std::vector<pid_t> descendants()
 {
     std::vector<std::pair<long, pid_t>> links;  // parent, child
     std::error_code ec;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc", ec)) {
+    for (const auto& entry : fs::directory_iterator("/proc", ec)) {
         std::string stat = read_file(entry.path() / "stat");
         // The name in parentheses may itself hold ") ".
         std::size_t after = stat.rfind(')');
@@ -104,19 +103,6 @@ std::vector<pid_t> descendants()
     return found;
 }
 
-// Reaps whatever has ended; true once COMMAND's own child is among them.
-bool reap(pid_t child, command_end& end)
-{
-    bool reaped = false;
-    int status;
-    for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) > 0;)
-        if (pid == child) {
-            end.wait_status = status;
-            reaped = true;
-        }
-    return reaped;
-}
-
 // As a subreaper we inherit every orphan, so once no child is left to reap
 // nothing of COMMAND runs on without a supervisor, and COMMAND's own end is
 // known. `first` goes to each process before SIGKILL: a program that does
@@ -133,6 +119,25 @@ int kill_tree(pid_t child, int first, command_end& end)
                 killed.insert(p);
     }
     return static_cast<int>(killed.size());
+}
+
+// What COMMAND left in /etc.
+void record_end_state(run_record& run)
+{
+    struct stat st {};
+    run.mtab_kind = lstat(MTAB_PATH, &st) != 0 ? "missing"
+                    : S_ISLNK(st.st_mode)      ? "symlink"
+                    : S_ISREG(st.st_mode)      ? "file"
+                                               : "other";
+    std::error_code ec;
+    if (S_ISLNK(st.st_mode))
+        run.mtab_text = fs::read_symlink(MTAB_PATH, ec);
+    else if (S_ISREG(st.st_mode))
+        run.mtab_text = read_file(MTAB_PATH);
+    for (const auto& entry : fs::directory_iterator("/etc", ec))
+        if (is_lock_name(entry.path().filename().native()))
+            run.lock_files.push_back(entry.path().filename());
+    std::sort(run.lock_files.begin(), run.lock_files.end());
 }
 
 }  // namespace
@@ -181,7 +186,7 @@ run_record supervise(const options& opt)
             run.command.timed_out = true;
         } else if ((fds[0].revents & POLLIN) && read(sigfd, &si, sizeof si) == sizeof si) {
             if (si.ssi_signo == SIGCHLD)
-                child_reaped = reap(child, run.command);
+                child_reaped = waitpid(child, &run.command.wait_status, WNOHANG) == child;
             else
                 run.command.interrupted_by = static_cast<int>(si.ssi_signo);
         }
@@ -203,6 +208,7 @@ run_record supervise(const options& opt)
     run.command.leftovers_killed = run.command.timed_out || sig ? 0 : killed;
     close(sigfd);
     mod.hand_over(run);
+    record_end_state(run);
     return run;
 }
 
