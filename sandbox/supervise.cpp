@@ -103,11 +103,21 @@ std::vector<pid_t> descendants()
     return found;
 }
 
+// Passes on a signal that stopped us. A program that does not handle it
+// ends by it; COMMAND is given a second to, whatever it does.
+void pass_on(int sig, pid_t child)
+{
+    for (pid_t p : descendants())
+        kill(p, sig);
+    pollfd exited{static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
+    if (exited.fd >= 0 && poll(&exited, 1, 1000) >= 0)
+        close(exited.fd);
+}
+
 // As a subreaper we inherit every orphan, so once no child is left to reap
 // nothing of COMMAND runs on without a supervisor, and COMMAND's own end is
-// known. `first` goes to each process before SIGKILL: a program that does
-// not handle it ends by it. Counts the processes killed.
-int kill_tree(pid_t child, int first, command_end& end)
+// known. Counts the processes killed.
+int kill_tree(pid_t child, command_end& end)
 {
     std::set<pid_t> killed;
     int status;
@@ -115,7 +125,7 @@ int kill_tree(pid_t child, int first, command_end& end)
         if (pid == child)
             end.wait_status = status;
         for (pid_t p : descendants())
-            if (kill(p, first) == 0 && kill(p, SIGKILL) == 0)
+            if (kill(p, SIGKILL) == 0)
                 killed.insert(p);
     }
     return static_cast<int>(killed.size());
@@ -204,7 +214,9 @@ run_record supervise(const options& opt)
     // timeout or a signal, that is COMMAND itself, and no leftover. SIGQUIT
     // is not passed on: it would leave core files.
     const int sig = run.command.interrupted_by;
-    int killed = kill_tree(child, sig && sig != SIGQUIT ? sig : SIGKILL, run.command);
+    if (sig && sig != SIGQUIT)
+        pass_on(sig, child);
+    int killed = kill_tree(child, run.command);
     run.command.leftovers_killed = run.command.timed_out || sig ? 0 : killed;
     close(sigfd);
     mod.hand_over(run);
