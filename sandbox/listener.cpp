@@ -8,16 +8,12 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <tuple>
 
 #include "common.h"
 
 namespace sandbox {
 namespace {
-
-const seccomp_notif& notif(const std::vector<char>& req)
-{
-    return *reinterpret_cast<const seccomp_notif*>(req.data());
-}
 
 // The number after `key` in /proc/PID/status, or 0 when it is not there.
 std::uint64_t status_field(const std::string& status, const char* key, int base)
@@ -104,13 +100,15 @@ bool listener::receive()
     std::fill(req_.begin(), req_.end(), 0);
     if (ioctl(fd_, SECCOMP_IOCTL_NOTIF_RECV, req_.data()) != 0)
         return false;  // the caller died before we got to it
-    std::string proc = "/proc/" + std::to_string(notif(req_).pid);
+    const auto* req = reinterpret_cast<const seccomp_notif*>(req_.data());
+    std::tie(id_, thread_, nr_) = std::tuple(req->id, static_cast<pid_t>(req->pid), req->data.nr);
+    std::copy(std::begin(req->data.args), std::end(req->data.args), args_.begin());
+    std::string proc = "/proc/" + std::to_string(thread_);
     mem_ = open((proc + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
     std::string status = read_file(proc + "/status");
     // Checked after the opens: had the pid been recycled before them, the
     // call would no longer be valid, and a stranger's memory is not read.
-    std::uint64_t id = notif(req_).id;
-    bool live = ioctl(fd_, SECCOMP_IOCTL_NOTIF_ID_VALID, &id) == 0;
+    bool live = ioctl(fd_, SECCOMP_IOCTL_NOTIF_ID_VALID, &id_) == 0;
     tgid_ = static_cast<pid_t>(status_field(status, "\nTgid:", 10));
     ignored_ = status_field(status, "\nSigIgn:", 16);
     if (live && mem_ >= 0 && tgid_ > 0)
@@ -139,32 +137,14 @@ std::optional<std::string> listener::string_at(std::uint64_t addr) const
 std::string listener::reachable(const std::string& path) const
 {
     // A relative one through the caller's working directory.
-    return path.starts_with('/') ? path : "/proc/" + std::to_string(notif(req_).pid) + "/cwd/" + path;
+    return path.starts_with('/') ? path : "/proc/" + std::to_string(thread_) + "/cwd/" + path;
 }
 
-long listener::nr() const
-{
-    return notif(req_).data.nr;
-}
-
-std::uint64_t listener::arg(int i) const
-{
-    return notif(req_).data.args[i];
-}
-
-void listener::pass_on()
-{
-    reply(0, 0, SECCOMP_USER_NOTIF_FLAG_CONTINUE);
-}
-
-void listener::reply(std::int64_t val, int error, std::uint32_t flags)
+void listener::reply(std::int64_t val, int error, bool go_on)
 {
     std::fill(resp_.begin(), resp_.end(), 0);
     auto* resp = reinterpret_cast<seccomp_notif_resp*>(resp_.data());
-    resp->id = notif(req_).id;
-    resp->val = val;
-    resp->error = -error;
-    resp->flags = flags;
+    *resp = {.id = id_, .val = val, .error = -error, .flags = static_cast<std::uint32_t>(go_on ? SECCOMP_USER_NOTIF_FLAG_CONTINUE : 0)};
     // ENOENT: the caller was killed while we worked; nobody to tell.
     ioctl(fd_, SECCOMP_IOCTL_NOTIF_SEND, resp);
 }

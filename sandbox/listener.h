@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -30,22 +31,24 @@ public:
     // False when the caller is gone or unreadable; a call still waiting is
     // passed on then.
     bool receive();
-    long nr() const;
-    std::uint64_t arg(int i) const;
+    long nr() const { return nr_; }
+    std::uint64_t arg(int i) const { return args_.at(i); }
     pid_t pid() const { return tgid_; }  // the process, not the thread
     std::uint64_t ignored_signals() const { return ignored_; }
     // Fewer than `len` bytes where the caller's memory ends.
     std::size_t read(std::uint64_t addr, void* out, std::size_t len) const;
     std::optional<std::string> string_at(std::uint64_t addr) const;
     std::string reachable(const std::string& path) const;  // a path the caller named
-    void reply(std::int64_t val, int error, std::uint32_t flags = 0);
-    // The kernel carries the call out as if it had never been trapped.
-    void pass_on();
+    // `go_on`: the kernel carries the call out as if it had never been trapped.
+    void reply(std::int64_t val, int error, bool go_on = false);
+    void pass_on() { reply(0, 0, true); }
 
 private:
     int fd_, mem_ = -1;
-    pid_t tgid_ = 0;
-    std::uint64_t ignored_ = 0;
+    pid_t thread_ = 0, tgid_ = 0;
+    std::uint64_t id_ = 0, ignored_ = 0;
+    long nr_ = 0;
+    std::array<std::uint64_t, 6> args_{};
     std::vector<char> req_, resp_;  // the kernel's sizes, which may exceed ours
 };
 

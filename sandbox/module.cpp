@@ -14,19 +14,14 @@ namespace {
 constexpr const char* MODULE_TYPE = "qeodmfs";
 
 // A full file system: the control file opens, and every write to it fails
-// with ENOSPC. The filler's descriptor holds the one page.
-int fill(const std::string& file)
+// with ENOSPC.
+void fill(const std::string& file)
 {
-    int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        cannot("create", file);
-        return -1;
-    }
-    if (fallocate(fd, 0, 0, 4096) != 0)
-        cannot("fallocate", file);
-    if (unlink(file.c_str()) != 0)
-        cannot("unlink", file);
-    return fd;
+    int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0 || fallocate(fd, 0, 0, 4096) != 0)
+        cannot(fd < 0 ? "create" : "fallocate", file);
+    if (fd >= 0)
+        close(fd);
 }
 
 }  // namespace
@@ -40,22 +35,9 @@ module::module(const scene& sc) : sc_(sc), inotify_(inotify_init1(IN_NONBLOCK | 
 module::~module()
 {
     for (const made& fs : made_)
-        for (int fd : {fs.control, fs.filler})
-            if (fd >= 0)
-                close(fd);
+        if (fs.control >= 0)
+            close(fs.control);
     close(inotify_);
-}
-
-void module::add_control(made& fs, const std::string& dir, mount_call& m)
-{
-    m.control = control_file{.dir = *m.target};
-    std::string file = dir + "/" + CONTROL_NAME;
-    if ((fs.control = open(file.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644)) < 0)
-        cannot("create", file);
-    // IN_OPEN only to keep two closes apart: inotify merges an event into
-    // an identical one still unread at the end of its queue.
-    if ((fs.watch = inotify_add_watch(inotify_, file.c_str(), IN_OPEN | IN_CLOSE_WRITE)) < 0)
-        cannot("inotify_add_watch", file);
 }
 
 // The kernel checks the mount point, then the module the record: only what
@@ -78,9 +60,9 @@ int module::mount_fs(const listener& l, mount_call& m)
         return EINVAL;
     if (sc_.mount_errno)
         return sc_.mount_errno;
-    const bool full = sc_.control == control_scene::full;
     if (mkdir(stage.c_str(), 0700) != 0 && errno != EEXIST)
         return cannot("mkdir", stage);
+    const bool full = sc_.control == control_scene::full;
     if (mount(m.source ? m.source->c_str() : MODULE_TYPE, stage.c_str(), "tmpfs", 0, full ? "mode=755,size=4k" : "mode=755"))
         return cannot("mount a tmpfs on", stage);
     int err = 0;
@@ -88,16 +70,28 @@ int module::mount_fs(const listener& l, mount_call& m)
         err = cannot("stat", stage);
     else if (mount(stage.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0)
         err = cannot("bind-mount the module's file system on", path);
-    if (!err) {
-        made& fs = made_.emplace_back(made{.call = calls_.size() - 1, .dev = st.st_dev});
-        fs.filler = full ? fill(stage + "/.filler") : -1;
-        if (sc_.control != control_scene::missing)
-            add_control(fs, stage, m);
-    }
+    else
+        made_.push_back({.call = calls_.size() - 1, .dev = st.st_dev});
+    if (!err && full)
+        fill(stage + "/.filler");
+    if (!err && sc_.control != control_scene::missing)
+        add_control(made_.back(), stage + "/" + CONTROL_NAME, m);
     umount2(stage.c_str(), MNT_DETACH);
     return err;
 }
 
+void module::add_control(made& fs, const std::string& file, mount_call& m)
+{
+    m.control = control_file{.dir = *m.target};
+    fs.control = open(file.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fs.control < 0)
+        cannot("create", file);
+    // IN_OPEN only to keep two closes apart: inotify merges an event into
+    // an identical one still unread at the end of its queue.
+    fs.watch = inotify_add_watch(inotify_, file.c_str(), IN_OPEN | IN_CLOSE_WRITE);
+    if (fs.watch < 0)
+        cannot("inotify_add_watch", file);
+}
 void module::answer_mount(listener& l)
 {
     std::string temp = MTAB_LOCK_PATH + std::to_string(l.pid());

@@ -2,10 +2,6 @@
 // of its mounts, and knows which of its mounts are live.
 #pragma once
 
-#include <sys/types.h>
-
-#include <vector>
-
 #include "listener.h"
 #include "record.h"
 
@@ -18,12 +14,11 @@ public:
     module(const module&) = delete;
     module& operator=(const module&) = delete;
 
-    // Every mount(2) and umount2(2): those of the module answered here, the
-    // rest passed on to the kernel; all recorded.
+    // Every mount(2) and umount2(2) is recorded; those that are none of the
+    // module's go on to the kernel.
     void answer_mount(listener& l);
     void answer_unmount(listener& l);
-    // Once COMMAND has ended: the calls, each mount with its control file
-    // as COMMAND left it.
+    // The calls, each mount with its control file as COMMAND left it.
     void hand_over(run_record& run);
 
 private:
@@ -31,10 +26,10 @@ private:
         std::size_t call;  // in calls_
         dev_t dev;
         bool live = true;  // until it is unmounted
-        int control = -1, watch = -1, filler = -1;
+        int control = -1, watch = -1;
     };
     int mount_fs(const listener& l, mount_call& m);
-    void add_control(made& fs, const std::string& dir, mount_call& m);
+    void add_control(made& fs, const std::string& file, mount_call& m);
 
     const scene& sc_;
     std::vector<mount_call> calls_;
