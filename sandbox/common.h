@@ -2,7 +2,6 @@
 // the scene, and how a failure is told.
 #pragma once
 
-// Every part opens, reads and tells failures by errno.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -15,8 +14,7 @@
 
 namespace sandbox {
 
-// Our own failures must not pass for a status of COMMAND's; env(1) and
-// timeout(1) use the same numbers.
+// Ours, not COMMAND's; env(1) and timeout(1) use the same numbers.
 inline constexpr int EXIT_TIMED_OUT = 124;
 inline constexpr int EXIT_SANDBOX_FAILED = 125;
 // Heads every complaint about what this kernel or its settings deny us, as

@@ -24,8 +24,6 @@ void write_file(const std::string& path, std::string_view text, mode_t mode = 06
         fail("create", path);
     if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
         fail("write", path);
-    if (fchmod(fd, mode) != 0)  // whatever the umask
-        fail("chmod", path);
     if (close(fd) != 0)
         fail("close", path);
 }
@@ -61,8 +59,7 @@ void enter_namespaces()
         die("%scannot mount / private: %s", UNAVAILABLE, strerror(errno));
 }
 
-// The file or directory as it is now, reachable by a path once it is
-// covered; `given` names it in complaints.
+// The file or directory as it is now, reachable by a path once covered.
 std::string hold(const std::string& given, std::vector<int>& held)
 {
     int fd = open(given.c_str(), O_PATH | O_CLOEXEC);
@@ -86,21 +83,18 @@ bool bind_readonly(const std::string& from, const std::string& to)
 
 void overlay(const std::string& target, const std::string& lower, const std::string& layers)
 {
-    make_dir(layers, 0700);
-    make_dir(layers + "/upper", 0755);
-    make_dir(layers + "/work", 0700);
-    std::string opts = "lowerdir=" + lower + ",upperdir=" + layers + "/upper,workdir=" + layers + "/work";
+    make_dir(layers, 0755);
+    make_dir(layers + ".work", 0700);
+    std::string opts = "lowerdir=" + lower + ",upperdir=" + layers + ",workdir=" + layers + ".work";
     if (mount("odm-sandbox", target.c_str(), "overlay", 0, opts.c_str()) != 0)
         die("%scannot mount an overlay on %s: %s", UNAVAILABLE, target.c_str(), strerror(errno));
 }
 
-// An overlay cannot take the real /dev as its lower layer in a user
-// namespace (its submounts are locked), and in one whose lower layer
-// belongs to an unmapped root nothing can be removed, such as an installed
-// /opt/KELD. So /dev and /opt are rebuilt, without `left_out`: device nodes,
-// files and directories are bound in read-only, so that nothing written
-// through them reaches the real ones, and /dev/shm is a fresh tmpfs. What we
-// cannot reach is no worse than what the machine lacks: it is left out.
+// A user namespace's overlay cannot have /dev below (its submounts are
+// locked), nor remove what an unmapped root owns, such as an installed
+// /opt/KELD. So both are rebuilt, without `left_out`, from entries bound in
+// read-only, lest anything written reach the real ones. What we cannot
+// reach is no worse than what the machine lacks: it is left out.
 void mirror(const std::string& real, const std::string& dir, const char* left_out)
 {
     if (mount("odm-sandbox", dir.c_str(), "tmpfs", MS_NOSUID, "mode=755") != 0)
@@ -132,22 +126,15 @@ void mirror(const std::string& real, const std::string& dir, const char* left_ou
         die("cannot list %s: %s", dir.c_str(), ec.message().c_str());
 }
 
-// On a merged /usr, /sbin is a link and the directory to cover is /usr/sbin.
-std::string sbin_dir()
-{
-    std::error_code ec;
-    std::string dir = fs::canonical("/sbin", ec);
-    if (ec)
-        die("cannot resolve /sbin: %s", ec.message().c_str());
-    return dir;
-}
-
 void make_throwaway(std::vector<int>& held)
 {
     std::string real_etc = hold("/etc", held);
     std::string real_opt = hold("/opt", held);
     std::string real_dev = hold("/dev", held);
-    std::string sbin = sbin_dir();
+    std::error_code ec;
+    std::string sbin = fs::canonical("/sbin", ec);  // /usr/sbin on a merged /usr
+    if (ec)
+        die("cannot resolve /sbin: %s", ec.message().c_str());
     std::string real_sbin = hold(sbin, held);
     // The upper layers live on a tmpfs that the /etc overlay then covers, so
     // that nothing inside the sandbox can reach them by a path.
@@ -181,8 +168,8 @@ void isolate(const scene& sc)
     std::string messages = sc.messages_dir ? hold(*sc.messages_dir, held) + "/." : "";
     enter_namespaces();
     make_throwaway(held);
-    // The scene starts from no lock, no product and no helper, whatever the
-    // real machine holds. The overlay's roots are its upper layers, ours.
+    // No lock and no helper, whatever the machine holds; an overlay's root
+    // is its upper layer, ours.
     std::error_code ec;
     for (const fs::directory_entry& entry : fs::directory_iterator("/etc", ec))
         if (is_lock_name(entry.path().filename().native()))
@@ -209,8 +196,6 @@ void isolate(const scene& sc)
         fs::copy(messages, "/opt/KELD/messages", fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
     if (ec)
         die("cannot copy %s to /opt/KELD/messages: %s", sc.messages_dir->c_str(), ec.message().c_str());
-    // The recorder is a program that does nothing; its runs are noted as
-    // they start.
     if (sc.tool == tool_scene::noexec)
         write_file(TOOL_PATH, "#!/bin/sh\nexit 0\n", 0644);
     else if (sc.tool != tool_scene::absent)

@@ -28,8 +28,7 @@ public:
     listener& operator=(const listener&) = delete;
 
     int fd() const { return fd_; }
-    // False when the caller is gone or unreadable; a call still waiting is
-    // passed on then.
+    // False when the caller is gone, or unreadable: its call goes on then.
     bool receive();
     long nr() const { return nr_; }
     std::uint64_t arg(int i) const { return args_.at(i); }

@@ -17,8 +17,7 @@ namespace {
 
 // getopt hands every option that takes an argument a non-null one.
 
-// A day: longer than any test may take, and short enough for poll(2)'s
-// milliseconds.
+// A day: longer than any test, short enough for poll(2)'s milliseconds.
 constexpr double MAX_TIMEOUT = 86400;
 
 template <typename E, std::size_t N>

@@ -13,12 +13,12 @@ namespace {
 
 constexpr const char* MODULE_TYPE = "qeodmfs";
 
-// A full file system: the control file opens, and every write to it fails
-// with ENOSPC.
-void fill(const std::string& file)
+// Taking `size` bytes, it can fill a file system: the control file then
+// opens, and every write to it fails with ENOSPC.
+void make_file(const std::string& file, off_t size)
 {
-    int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0 || fallocate(fd, 0, 0, 4096) != 0)
+    int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0 || (size && fallocate(fd, 0, 0, size) != 0))
         cannot(fd < 0 ? "create" : "fallocate", file);
     if (fd >= 0)
         close(fd);
@@ -73,7 +73,7 @@ int module::mount_fs(const listener& l, mount_call& m)
     else
         made_.push_back({.call = calls_.size() - 1, .dev = st.st_dev});
     if (!err && full)
-        fill(stage + "/.filler");
+        make_file(stage + "/.filler", 4096);
     if (!err && sc_.control != control_scene::missing)
         add_control(made_.back(), stage + "/" + CONTROL_NAME, m);
     umount2(stage.c_str(), MNT_DETACH);
@@ -111,12 +111,7 @@ void module::answer_mount(listener& l)
         // No answer: the caller stays inside mount(2) until it is killed.
         // The file tells COMMAND that it has got that far.
         m.held = true;
-        std::string held = std::string(STATE_DIR) + "/held." + std::to_string(m.pid);
-        int fd = open(held.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-        if (fd < 0)
-            cannot("create", held);
-        close(fd);
-        return;
+        return make_file(std::string(STATE_DIR) + "/held." + std::to_string(m.pid), 0);
     }
     m.error = l.arg(4) != 0 && !m.data ? EFAULT : mount_fs(l, m);
     l.reply(0, m.error);
@@ -128,14 +123,12 @@ void module::answer_unmount(listener& l)
     std::string path = u.target ? l.reachable(*u.target) : "";
     struct stat st {};
     bool found = u.target && stat(path.c_str(), &st) == 0;
-    // A device number of a mount that is gone may already name another file
-    // system (without a control file, nothing holds it).
+    // The number of a device that is gone may name another file system.
     auto fs = std::find_if(made_.begin(), made_.end(), [&](const made& f) { return found && f.live && f.dev == st.st_dev; });
     u.module = fs != made_.end();
     if (!u.module)
         return l.pass_on();
-    // Carried out here rather than passed on, so that the report can say
-    // how it went.
+    // Carried out here, so that the report can say how it went.
     u.error = umount2(path.c_str(), static_cast<int>(u.flags)) == 0 ? 0 : errno;
     fs->live = u.error != 0;
     l.reply(0, u.error);

@@ -35,8 +35,7 @@ struct scene {
 
 // A module mount's control file, as COMMAND left it.
 struct control_file {
-    std::string dir;  // as the caller named it
-    std::string content{};
+    std::string dir, content{};  // the directory as the caller named it
     int write_opens = 0;
 };
 

@@ -1,21 +1,20 @@
 #include "supervise.h"
 
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <time.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <functional>
 #include <set>
 
-#include "answers.h"
 #include "common.h"
 #include "listener.h"
 #include "module.h"
@@ -25,32 +24,93 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using trap_list = std::vector<std::pair<long, std::function<void(listener&)>>>;
-
-// The system calls that COMMAND's tree waits in for our answer, and who gives it.
-trap_list traps(const scene& sc, module& mod, run_record& run)
+// A null-terminated array of strings in the caller's memory: argv or envp.
+std::vector<std::string> strings_at(const listener& l, std::uint64_t addr)
 {
-    auto with = [&sc, &run](void (*answer)(listener&, const scene&, run_record&)) {
-        return [&sc, &run, answer](listener& l) { answer(l, sc, run); };
-    };
-    trap_list traps{{SYS_mount, [&mod](listener& l) { mod.answer_mount(l); }},
-                    {SYS_umount2, [&mod](listener& l) { mod.answer_unmount(l); }}};
-    if (sc.tool == tool_scene::recorder)
-        traps.emplace_back(SYS_execve, with(answer_exec));
-    if (sc.fast_sleep)
-        traps.insert(traps.end(), {{SYS_nanosleep, with(answer_sleep)}, {SYS_clock_nanosleep, with(answer_sleep)}});
-    if (sc.fork_errno)
-        traps.insert(traps.end(), {{SYS_clone, with(answer_fork)}, {SYS_clone3, with(answer_fork)}});
-#ifdef SYS_fork
-    if (sc.fork_errno)
-        traps.insert(traps.end(), {{SYS_fork, with(answer_fork)}, {SYS_vfork, with(answer_fork)}});
-#endif
-    return traps;
+    std::vector<std::string> strings;
+    for (std::uint64_t at; l.read(addr + sizeof at * strings.size(), &at, sizeof at) == sizeof at && at;)
+        strings.push_back(l.string_at(at).value_or(""));
+    return strings;
 }
 
-// The child side: from here on everything it and its descendants do is
-// under the filter.
-[[noreturn]] void run_command(const options& opt, const trap_list& traps, int sock)
+// The answers that need no state of their own: runs of the recording tool,
+// noted as they start (only an execve(2) of the tool is), sleeps that return
+// at once (--fast-sleep), and new processes refused (--fork-errno).
+void answer_exec(listener& l, run_record& run)
+{
+    std::optional<std::string> path = l.string_at(l.arg(0));
+    struct stat tool;
+    struct stat target;
+    if (path && stat(l.reachable(*path).c_str(), &target) == 0 && stat(TOOL_PATH, &tool) == 0 &&
+        target.st_dev == tool.st_dev && target.st_ino == tool.st_ino)
+        run.tool_runs.push_back(
+            {l.pid(), monotonic_ns(), strings_at(l, l.arg(1)), strings_at(l, l.arg(2)), l.ignored_signals()});
+    l.pass_on();
+}
+
+void answer_sleep(listener& l, run_record& run)
+{
+    bool clock_call = l.nr() == SYS_clock_nanosleep;
+    timespec ts{};
+    if (l.read(l.arg(clock_call ? 2 : 0), &ts, sizeof ts) != sizeof ts)
+        return l.reply(0, EFAULT);
+    timespec now{};  // an absolute sleep lasts from now until then
+    if (clock_call && (l.arg(1) & TIMER_ABSTIME))
+        clock_gettime(static_cast<clockid_t>(l.arg(0)), &now);
+    run.sleeps.push_back(
+        {l.pid(), static_cast<double>(ts.tv_sec - now.tv_sec) + static_cast<double>(ts.tv_nsec - now.tv_nsec) / 1e9});
+    l.reply(0, 0);
+}
+
+void answer_fork(listener& l, const run_record& run)
+{
+    // A clone that shares the caller's memory (a thread, or the stop-the-world helper of a
+    // sanitized COMMAND's LeakSanitizer) goes on. clone3 keeps its flags in memory.
+    std::uint64_t flags = l.nr() == SYS_clone ? l.arg(0) : 0;
+    if (l.nr() == SYS_clone3)
+        l.read(l.arg(0), &flags, sizeof flags);
+    if (flags & CLONE_VM)
+        l.pass_on();
+    else
+        l.reply(0, run.sc.fork_errno);
+}
+
+// The system calls that COMMAND's tree waits in for our answer.
+std::vector<long> trapped(const scene& sc)
+{
+    std::vector<long> nrs{SYS_mount, SYS_umount2};
+    if (sc.tool == tool_scene::recorder)
+        nrs.push_back(SYS_execve);
+    if (sc.fast_sleep)
+        nrs.insert(nrs.end(), {SYS_nanosleep, SYS_clock_nanosleep});
+    if (sc.fork_errno)
+        nrs.insert(nrs.end(), {SYS_clone, SYS_clone3});
+#ifdef SYS_fork
+    if (sc.fork_errno)
+        nrs.insert(nrs.end(), {SYS_fork, SYS_vfork});
+#endif
+    return nrs;
+}
+
+void answer(listener& l, module& mod, run_record& run)
+{
+    switch (l.nr()) {
+    case SYS_mount:
+        return mod.answer_mount(l);
+    case SYS_umount2:
+        return mod.answer_unmount(l);
+    case SYS_execve:
+        return answer_exec(l, run);
+    case SYS_nanosleep:
+    case SYS_clock_nanosleep:
+        return answer_sleep(l, run);
+    default:  // the forks
+        return answer_fork(l, run);
+    }
+}
+
+// The child: from here on it and all below it are under the filter.
+[[noreturn]] void run_command(const options& opt, int sock)
 {
     // COMMAND starts from the default dispositions, lest a caller's nohup or
     // '&' show up as signals the helper ignored. Straight to the kernel: glibc
@@ -67,10 +127,7 @@ trap_list traps(const scene& sc, module& mod, run_record& run)
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    std::vector<long> trapped;
-    for (const auto& trap : traps)
-        trapped.push_back(trap.first);
-    if (!install_filter(trapped, sock))
+    if (!install_filter(trapped(opt.sc), sock))
         _exit(EXIT_SANDBOX_FAILED);
     execvp(opt.command[0], opt.command.data());
     int err = errno;
@@ -114,9 +171,8 @@ void pass_on(int sig, pid_t child)
         close(exited.fd);
 }
 
-// As a subreaper we inherit every orphan, so once no child is left to reap
-// nothing of COMMAND runs on without a supervisor, and COMMAND's own end is
-// known. Counts the processes killed.
+// As a subreaper we inherit every orphan: once no child is left to reap,
+// nothing of COMMAND runs on unsupervised. Counts the processes killed.
 int kill_tree(pid_t child, command_end& end)
 {
     std::set<pid_t> killed;
@@ -172,12 +228,11 @@ run_record supervise(const options& opt)
     int sock[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sock) != 0)
         die("cannot socketpair: %s", strerror(errno));
-    const trap_list answers = traps(opt.sc, mod, run);
     pid_t child = fork();
     if (child < 0)
         die("cannot fork: %s", strerror(errno));
     if (child == 0)
-        run_command(opt, answers, sock[1]);
+        run_command(opt, sock[1]);
     close(sock[1]);
     listener l(take_listener(child, sock[0]));
     close(sock[0]);
@@ -202,17 +257,13 @@ run_record supervise(const options& opt)
         }
         if (run.command.timed_out || run.command.interrupted_by)
             break;
-        if ((fds[1].revents & POLLIN) && l.receive()) {
-            for (const auto& [nr, answer] : answers)
-                if (nr == l.nr())
-                    answer(l);
-        } else if (fds[1].revents & (POLLHUP | POLLERR)) {
+        if ((fds[1].revents & POLLIN) && l.receive())
+            answer(l, mod, run);
+        else if (fds[1].revents & (POLLHUP | POLLERR))
             fds[1].fd = -1;
-        }
     }
-    // What COMMAND leaves behind would otherwise run on without us. After a
-    // timeout or a signal, that is COMMAND itself, and no leftover. SIGQUIT
-    // is not passed on: it would leave core files.
+    // After a timeout or a signal, COMMAND itself is killed, no leftover.
+    // SIGQUIT is not passed on: it would leave core files.
     const int sig = run.command.interrupted_by;
     if (sig && sig != SIGQUIT)
         pass_on(sig, child);

@@ -14,8 +14,7 @@ struct options {
 };
 
 // Returns once COMMAND and its whole tree are gone: ended, or killed after
-// the timeout or a signal to us; whatever COMMAND left running is killed.
-// The record holds what COMMAND left behind too.
+// the timeout or a signal to us, with what COMMAND left behind.
 run_record supervise(const options& opt);
 
 }  // namespace sandbox
