@@ -24,8 +24,7 @@ void write_file(const std::string& path, std::string_view text, mode_t mode = 06
         fail("create", path);
     if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
         fail("write", path);
-    if (close(fd) != 0)
-        fail("close", path);
+    close(fd);
 }
 
 void make_dir(const std::string& path, mode_t mode)
@@ -101,29 +100,26 @@ void mirror(const std::string& real, const std::string& dir, const char* left_ou
         fail("mount a tmpfs on", dir);
     std::error_code ec;
     for (const fs::directory_entry& entry : fs::directory_iterator(real, ec)) {
-        std::string name = entry.path().filename();
-        std::string to = dir + "/" + name;
-        if (name == left_out)
+        std::string to = dir + "/" + entry.path().filename().native();
+        bool link = entry.is_symlink(ec);
+        if (entry.path().filename() == left_out)
             continue;
-        if (entry.is_symlink(ec)) {
+        // mknod is not ours to use in a user namespace; a bind is.
+        if (link)
             fs::copy_symlink(entry.path(), to, ec);
-        } else if (entry.is_directory(ec)) {
+        else if (entry.is_directory(ec))
             fs::create_directory(to, ec);
-            if (to == "/dev/shm")
-                mount("shm", to.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
-            else if (!bind_readonly(entry.path(), to))
-                rmdir(to.c_str());
-        } else {
-            // mknod is not ours to use in a user namespace; a bind is.
+        else
             write_file(to, "", 0600);
-            if (!bind_readonly(entry.path(), to))
-                unlink(to.c_str());
-        }
         if (ec)
             die("cannot copy %s: %s", to.c_str(), ec.message().c_str());
+        if (to == "/dev/shm")
+            mount("shm", to.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
+        else if (!link && !bind_readonly(entry.path(), to))
+            remove(to.c_str());
     }
     if (ec)
-        die("cannot list %s: %s", dir.c_str(), ec.message().c_str());
+        die("cannot list the real %s: %s", dir.c_str(), ec.message().c_str());
 }
 
 void make_throwaway(std::vector<int>& held)

@@ -193,10 +193,7 @@ void to_json(json& j, const scene& sc)
 int exit_status(const command_end& c)
 {
     int ws = c.wait_status;
-    return c.timed_out ? EXIT_TIMED_OUT
-           : WIFEXITED(ws) ? WEXITSTATUS(ws)
-           : WIFSIGNALED(ws) ? 128 + WTERMSIG(ws)
-                             : EXIT_SANDBOX_FAILED;
+    return c.timed_out ? EXIT_TIMED_OUT : WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws);
 }
 
 void to_json(json& j, const command_end& c)

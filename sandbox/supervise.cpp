@@ -160,21 +160,19 @@ std::vector<pid_t> descendants()
     return found;
 }
 
-// Passes on a signal that stopped us. A program that does not handle it
-// ends by it; COMMAND is given a second to, whatever it does.
-void pass_on(int sig, pid_t child)
-{
-    for (pid_t p : descendants())
-        kill(p, sig);
-    pollfd exited{static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
-    if (exited.fd >= 0 && poll(&exited, 1, 1000) >= 0)
-        close(exited.fd);
-}
-
 // As a subreaper we inherit every orphan: once no child is left to reap,
 // nothing of COMMAND runs on unsupervised. Counts the processes killed.
-int kill_tree(pid_t child, command_end& end)
+// `first` goes before: a program that does not handle it ends by it, and
+// COMMAND is given a second to, whatever it does.
+int kill_tree(pid_t child, int first, command_end& end)
 {
+    for (pid_t p : first ? descendants() : std::vector<pid_t>{})
+        kill(p, first);
+    pollfd exited{first ? static_cast<int>(syscall(SYS_pidfd_open, child, 0)) : -1, POLLIN, 0};
+    if (exited.fd >= 0) {
+        poll(&exited, 1, 1000);
+        close(exited.fd);
+    }
     std::set<pid_t> killed;
     int status;
     for (pid_t pid = 0; pid >= 0; pid = waitpid(-1, &status, 0)) {
@@ -191,10 +189,8 @@ int kill_tree(pid_t child, command_end& end)
 void record_end_state(run_record& run)
 {
     struct stat st {};
-    run.mtab_kind = lstat(MTAB_PATH, &st) != 0 ? "missing"
-                    : S_ISLNK(st.st_mode)      ? "symlink"
-                    : S_ISREG(st.st_mode)      ? "file"
-                                               : "other";
+    bool found = lstat(MTAB_PATH, &st) == 0;
+    run.mtab_kind = !found ? "missing" : S_ISLNK(st.st_mode) ? "symlink" : S_ISREG(st.st_mode) ? "file" : "other";
     std::error_code ec;
     if (S_ISLNK(st.st_mode))
         run.mtab_text = fs::read_symlink(MTAB_PATH, ec);
@@ -265,9 +261,7 @@ run_record supervise(const options& opt)
     // After a timeout or a signal, COMMAND itself is killed, no leftover.
     // SIGQUIT is not passed on: it would leave core files.
     const int sig = run.command.interrupted_by;
-    if (sig && sig != SIGQUIT)
-        pass_on(sig, child);
-    int killed = kill_tree(child, run.command);
+    int killed = kill_tree(child, sig == SIGQUIT ? 0 : sig, run.command);
     run.command.leftovers_killed = run.command.timed_out || sig ? 0 : killed;
     close(sigfd);
     mod.hand_over(run);
