@@ -1,6 +1,5 @@
-// The throwaway system: a private mount namespace in which /etc and /sbin
-// are overlays with a tmpfs upper layer, and /dev and /opt are tmpfs that
-// mirror the real ones entry by entry.
+// The throwaway system: in a private mount namespace, /etc and /sbin are
+// overlays, and /dev and /opt are tmpfs mirroring the real ones.
 
 #include "isolate.h"
 
@@ -91,9 +90,8 @@ void overlay(const std::string& target, const std::string& lower, const std::str
 
 // A user namespace's overlay cannot have /dev below (its submounts are
 // locked), nor remove what an unmapped root owns, such as an installed
-// /opt/KELD. So both are rebuilt, without `left_out`, from entries bound in
-// read-only, lest anything written reach the real ones. What we cannot
-// reach is no worse than what the machine lacks: it is left out.
+// /opt/KELD. So both are rebuilt from entries bound in read-only; what we
+// cannot reach is no worse than what the machine lacks: it is left out.
 void mirror(const std::string& real, const std::string& dir, const char* left_out)
 {
     if (mount("odm-sandbox", dir.c_str(), "tmpfs", MS_NOSUID, "mode=755") != 0)
@@ -132,8 +130,7 @@ void make_throwaway(std::vector<int>& held)
     if (ec)
         die("cannot resolve /sbin: %s", ec.message().c_str());
     std::string real_sbin = hold(sbin, held);
-    // The upper layers live on a tmpfs that the /etc overlay then covers, so
-    // that nothing inside the sandbox can reach them by a path.
+    // The upper layers live on a tmpfs that the /etc overlay then covers.
     if (mount("odm-sandbox", "/etc", "tmpfs", 0, "mode=700") != 0)
         die("%scannot mount a tmpfs on /etc: %s", UNAVAILABLE, strerror(errno));
     std::string base = hold("/etc", held);
@@ -156,16 +153,14 @@ void copy_program(const std::string& from, const std::string& given, const std::
 
 void isolate(const scene& sc)
 {
-    // What the scene copies in is taken before anything covers it: it may
-    // be the installed helper or catalogues that the scene then hides.
+    // Taken before anything covers them: they may be the installed ones.
     std::vector<int> held;
     std::string tool = sc.tool == tool_scene::program ? hold(sc.tool_program, held) : "/bin/true";
     std::string helper = sc.helper ? hold(*sc.helper, held) : "";
     std::string messages = sc.messages_dir ? hold(*sc.messages_dir, held) + "/." : "";
     enter_namespaces();
     make_throwaway(held);
-    // No lock and no helper, whatever the machine holds; an overlay's root
-    // is its upper layer, ours.
+    // No lock and no helper, whatever the machine holds.
     std::error_code ec;
     for (const fs::directory_entry& entry : fs::directory_iterator("/etc", ec))
         if (is_lock_name(entry.path().filename().native()))

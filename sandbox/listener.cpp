@@ -52,8 +52,7 @@ bool install_filter(const std::vector<long>& trapped, int sock)
         complain("%scannot seccomp(SECCOMP_SET_MODE_FILTER) with a listener: %s", UNAVAILABLE, strerror(errno));
         return false;
     }
-    // The parent copies the listener out of our descriptors, says when,
-    // and tells its own failures.
+    // The parent copies it out of our descriptors, and says when.
     if (write(sock, &fd, sizeof fd) != sizeof fd) {
         cannot("write", "the supervisor's socket");
         return false;

@@ -137,13 +137,12 @@ int main(int argc, char** argv)
 {
     using namespace sandbox;
     options opt = parse_options(argc, argv);
-    // Opened before /etc, /dev and /opt turn into throwaway copies, so the
-    // report lands where the caller meant, whatever path was given.
+    // Opened before anything is covered, so any path works.
     int json_fd = opt.json_path.empty() ? -1 : open(opt.json_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (!opt.json_path.empty() && json_fd < 0)
         fail("open", opt.json_path);
     isolate(opt.sc);
     run_record run = supervise(opt);
-    report(run, opt.quiet, json_fd);
+    report(run, opt.quiet, json_fd, opt.json_path);
     return exit_status(run.command);
 }

@@ -13,8 +13,7 @@ namespace {
 
 constexpr const char* MODULE_TYPE = "qeodmfs";
 
-// Taking `size` bytes, it can fill a file system: the control file then
-// opens, and every write to it fails with ENOSPC.
+// Of `size` bytes, it fills a file system: writes to the control file fail.
 void make_file(const std::string& file, off_t size)
 {
     int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
@@ -108,8 +107,7 @@ void module::answer_mount(listener& l)
     if (l.read(l.arg(4), data.bytes.data(), data.bytes.size()) > 0)
         m.data = data;
     if (sc_.hold_mount) {
-        // No answer: the caller stays inside mount(2) until it is killed.
-        // The file tells COMMAND that it has got that far.
+        // Never answered; the file tells COMMAND that the call has come.
         m.held = true;
         return make_file(std::string(STATE_DIR) + "/held." + std::to_string(m.pid), 0);
     }

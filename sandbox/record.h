@@ -60,10 +60,9 @@ struct mount_call {
     std::optional<std::string> source, target, type;
     std::uint64_t flags = 0;
     bool lock_present = false, temp_present = false;  // /etc/mtab~ and /etc/mtab~<pid>
-    bool module = false;  // false: handed on to the kernel
+    bool module = false, held = false;  // not module: handed on to the kernel
     std::optional<record_bytes> data{};  // null for a null or unreadable pointer
     int error = 0;  // the module's answer
-    bool held = false;
     std::optional<control_file> control{};
 };
 

@@ -8,8 +8,8 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <sys/wait.h>
+#include <time.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -33,8 +33,7 @@ std::vector<std::string> strings_at(const listener& l, std::uint64_t addr)
     return strings;
 }
 
-// The answers that need no state of their own: runs of the recording tool,
-// noted as they start (only an execve(2) of the tool is), sleeps that return
+// Runs of the recording tool, noted at their execve(2), sleeps that return
 // at once (--fast-sleep), and new processes refused (--fork-errno).
 void answer_exec(listener& l, run_record& run)
 {
@@ -161,9 +160,8 @@ std::vector<pid_t> descendants()
 }
 
 // As a subreaper we inherit every orphan: once no child is left to reap,
-// nothing of COMMAND runs on unsupervised. Counts the processes killed.
-// `first` goes before: a program that does not handle it ends by it, and
-// COMMAND is given a second to, whatever it does.
+// nothing of COMMAND runs on. `first` goes first; COMMAND gets a second to
+// end by it. Counts the processes killed.
 int kill_tree(pid_t child, int first, command_end& end)
 {
     for (pid_t p : first ? descendants() : std::vector<pid_t>{})
@@ -258,7 +256,6 @@ run_record supervise(const options& opt)
         else if (fds[1].revents & (POLLHUP | POLLERR))
             fds[1].fd = -1;
     }
-    // After a timeout or a signal, COMMAND itself is killed, no leftover.
     // SIGQUIT is not passed on: it would leave core files.
     const int sig = run.command.interrupted_by;
     int killed = kill_tree(child, sig == SIGQUIT ? 0 : sig, run.command);
