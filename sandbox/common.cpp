@@ -4,8 +4,6 @@
 
 #include <chrono>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 
 namespace sandbox {
 namespace {
@@ -51,8 +49,7 @@ void fail(const char* call, const std::string& path)
 
 std::string errno_name(int err)
 {
-    const char* name = strerrorname_np(err);
-    return name ? name : std::to_string(err);
+    return strerrorname_np(err) ? strerrorname_np(err) : std::to_string(err);
 }
 
 std::vector<std::string> signal_names(std::uint64_t mask)

@@ -32,7 +32,6 @@ void make_dir(const std::string& path, mode_t mode)
         fail("mkdir", path);
 }
 
-// Scene and machine may differ; what the machine holds goes.
 void remove_file(const std::string& path)
 {
     if (unlink(path.c_str()) != 0 && errno != ENOENT)
@@ -41,16 +40,15 @@ void remove_file(const std::string& path)
 
 void enter_namespaces()
 {
-    uid_t uid = geteuid();
-    gid_t gid = getegid();
+    const std::string uid = std::to_string(geteuid()), gid = std::to_string(getegid());
     // Real root needs no user namespace and keeps seeing files as they are.
-    if (uid != 0 || unshare(CLONE_NEWNS) != 0) {
+    if (uid != "0" || unshare(CLONE_NEWNS) != 0) {
         if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
             die("%scannot unshare a user and mount namespace: %s (see kernel.unprivileged_userns_clone and "
                 "user.max_user_namespaces)", UNAVAILABLE, strerror(errno));
         write_file("/proc/self/setgroups", "deny");
-        write_file("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
-        write_file("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+        write_file("/proc/self/uid_map", "0 " + uid + " 1");
+        write_file("/proc/self/gid_map", "0 " + gid + " 1");
     }
     // Without this our mounts would propagate back into the real system.
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
@@ -88,10 +86,9 @@ void overlay(const std::string& target, const std::string& lower, const std::str
         die("%scannot mount an overlay on %s: %s", UNAVAILABLE, target.c_str(), strerror(errno));
 }
 
-// A user namespace's overlay cannot have /dev below (its submounts are
-// locked), nor remove what an unmapped root owns, such as an installed
-// /opt/KELD. So both are rebuilt from entries bound in read-only; what we
-// cannot reach is no worse than what the machine lacks: it is left out.
+// An overlay in a user namespace cannot have /dev below (locked submounts),
+// nor remove what an unmapped root owns (an installed /opt/KELD): both are
+// rebuilt from entries bound in read-only. What we cannot reach is left out.
 void mirror(const std::string& real, const std::string& dir, const char* left_out)
 {
     if (mount("odm-sandbox", dir.c_str(), "tmpfs", MS_NOSUID, "mode=755") != 0)
@@ -122,9 +119,7 @@ void mirror(const std::string& real, const std::string& dir, const char* left_ou
 
 void make_throwaway(std::vector<int>& held)
 {
-    std::string real_etc = hold("/etc", held);
-    std::string real_opt = hold("/opt", held);
-    std::string real_dev = hold("/dev", held);
+    std::string real_etc = hold("/etc", held), real_opt = hold("/opt", held), real_dev = hold("/dev", held);
     std::error_code ec;
     std::string sbin = fs::canonical("/sbin", ec);  // /usr/sbin on a merged /usr
     if (ec)
@@ -178,6 +173,7 @@ void isolate(const scene& sc)
     if (sc.odm_present)
         make_dir("/dev/odm", 0755);
     make_dir(STATE_DIR, 0700);
+    make_dir(STAGE_DIR, 0700);
 
     if (sc.tool != tool_scene::absent || sc.messages_dir) {
         make_dir("/opt/KELD", 0755);

@@ -48,17 +48,11 @@ bool install_filter(const std::vector<long>& trapped, int sock)
     f.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
     sock_fprog prog{static_cast<unsigned short>(f.size()), f.data()};
     int fd = static_cast<int>(syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &prog));
-    if (fd < 0) {
+    if (fd < 0)
         complain("%scannot seccomp(SECCOMP_SET_MODE_FILTER) with a listener: %s", UNAVAILABLE, strerror(errno));
-        return false;
-    }
-    // The parent copies it out of our descriptors, and says when.
-    if (write(sock, &fd, sizeof fd) != sizeof fd) {
-        cannot("write", "the supervisor's socket");
-        return false;
-    }
+    // The parent copies it out of our descriptors, says when, and tells its failures.
     char taken = 0;
-    return read(sock, &taken, 1) == 1 && close(fd) == 0;
+    return fd >= 0 && write(sock, &fd, sizeof fd) == sizeof fd && read(sock, &taken, 1) == 1;
 }
 
 int take_listener(pid_t child, int sock)
@@ -143,7 +137,8 @@ void listener::reply(std::int64_t val, int error, bool go_on)
 {
     std::fill(resp_.begin(), resp_.end(), 0);
     auto* resp = reinterpret_cast<seccomp_notif_resp*>(resp_.data());
-    *resp = {.id = id_, .val = val, .error = -error, .flags = static_cast<std::uint32_t>(go_on ? SECCOMP_USER_NOTIF_FLAG_CONTINUE : 0)};
+    *resp = {.id = id_, .val = val, .error = -error,
+             .flags = static_cast<std::uint32_t>(go_on ? SECCOMP_USER_NOTIF_FLAG_CONTINUE : 0)};
     // ENOENT: the caller was killed while we worked; nobody to tell.
     ioctl(fd_, SECCOMP_IOCTL_NOTIF_SEND, resp);
 }

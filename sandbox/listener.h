@@ -18,8 +18,7 @@ bool install_filter(const std::vector<long>& trapped, int sock);
 // In the parent: the child's listener, -1 when the child failed first.
 int take_listener(pid_t child, int sock);
 
-// One call at a time: receive it with its caller opened for reading, read
-// what it handed in, then reply or pass it on.
+// One call at a time: received with its caller opened, read, then answered or passed on.
 class listener {
 public:
     explicit listener(int fd);

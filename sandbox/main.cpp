@@ -4,8 +4,6 @@
 #include <getopt.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 
 #include "common.h"
 #include "isolate.h"
@@ -42,11 +40,12 @@ struct option_row {
     char letter;      // a short form, or 0
     const char* arg;  // as --help names the argument; null for none
     const char* help;
-    void (*set)(options& opt, const char* arg);  // null for --help
+    void (*set)(options& opt, const char* arg);
 };
 
-// getopt's table and --help both come from this one, and sandbox/README.md
-// shows what --help prints (a test compares the two).
+[[noreturn]] void print_help();
+
+// getopt's table and --help, which README.md shows (a test compares), come from this.
 constexpr option_row OPTIONS[] = {
     {"mtab", 0, "file|symlink|missing", "/etc/mtab is a regular file (the default), a link to /proc/mounts, or none",
      [](options& o, const char* a) { o.sc.mtab = choose<mtab_scene>("--mtab", a, MTAB_SCENES); }},
@@ -86,7 +85,7 @@ constexpr option_row OPTIONS[] = {
      [](options& o, const char* a) { o.json_path = a; }},
     {"quiet", 'q', nullptr, "no report on stderr, which then carries COMMAND's own output",
      [](options& o, const char*) { o.quiet = true; }},
-    {"help", 'h', nullptr, "this list", nullptr},
+    {"help", 'h', nullptr, "this list", [](options&, const char*) { print_help(); }},
 };
 
 void print_help()
@@ -98,6 +97,7 @@ void print_help()
     for (const option_row& row : OPTIONS)
         printf("  %s--%s%s%s\n      %s\n", row.letter ? std::string{'-', row.letter, ',', ' '}.c_str() : "", row.name,
                row.arg ? " " : "", row.arg ? row.arg : "", row.help);
+    exit(0);
 }
 
 options parse_options(int argc, char** argv)
@@ -105,22 +105,17 @@ options parse_options(int argc, char** argv)
     std::vector<option> longs;
     std::string letters = "+";  // everything from COMMAND on belongs to COMMAND
     for (const option_row& row : OPTIONS) {
-        longs.push_back({row.name, row.arg ? required_argument : no_argument, nullptr,
-                         static_cast<int>(256 + (&row - OPTIONS))});
+        longs.push_back({row.name, row.arg ? required_argument : no_argument, nullptr, row.letter ? row.letter : 256});
         letters += row.letter ? std::string(1, row.letter) : "";
     }
     longs.push_back({});
     options opt;
-    for (int c; (c = getopt_long(argc, argv, letters.c_str(), longs.data(), nullptr)) != -1;) {
-        const option_row* row = c >= 256 ? &OPTIONS[c - 256]
-                                         : std::find_if(std::begin(OPTIONS), std::end(OPTIONS),
-                                                        [c](const option_row& r) { return r.letter == c; });
+    int index = 0;  // of the long option found, where there is no letter to tell
+    for (int c; (c = getopt_long(argc, argv, letters.c_str(), longs.data(), &index)) != -1;) {
+        auto by_letter = [c](const option_row& r) { return r.letter == c; };
+        const option_row* row = c == 256 ? &OPTIONS[index] : std::find_if(std::begin(OPTIONS), std::end(OPTIONS), by_letter);
         if (row == std::end(OPTIONS))
             die("see odm-sandbox --help");
-        if (!row->set) {
-            print_help();
-            exit(0);
-        }
         row->set(opt, optarg);
     }
     if (optind >= argc)

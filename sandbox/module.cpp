@@ -40,13 +40,12 @@ module::~module()
 }
 
 // The kernel checks the mount point, then the module the record: only what
-// the helper could have written (decoded here, not with the helper's own
-// definition, so that a wrong layout shows). The file system is made on a
-// staging mount, let go once bound onto the mount point: our descriptor on
-// the control file then holds only the staging mount, not the caller's.
+// the helper could have written, decoded here so that a wrong layout shows.
+// The file system is made on a staging mount, let go once bound: our hold
+// on the control file then holds only the staging mount, not the caller's.
 int module::mount_fs(const listener& l, mount_call& m)
 {
-    const std::string stage = std::string(STATE_DIR) + "/stage";
+    const std::string stage = STAGE_DIR;
     const std::string path = m.target ? l.reachable(*m.target) : "";
     struct stat st;
     if (!m.target)
@@ -59,8 +58,6 @@ int module::mount_fs(const listener& l, mount_call& m)
         return EINVAL;
     if (sc_.mount_errno)
         return sc_.mount_errno;
-    if (mkdir(stage.c_str(), 0700) != 0 && errno != EEXIST)
-        return cannot("mkdir", stage);
     const bool full = sc_.control == control_scene::full;
     if (mount(m.source ? m.source->c_str() : MODULE_TYPE, stage.c_str(), "tmpfs", 0, full ? "mode=755,size=4k" : "mode=755"))
         return cannot("mount a tmpfs on", stage);
@@ -73,23 +70,18 @@ int module::mount_fs(const listener& l, mount_call& m)
         made_.push_back({.call = calls_.size() - 1, .dev = st.st_dev});
     if (!err && full)
         make_file(stage + "/.filler", 4096);
-    if (!err && sc_.control != control_scene::missing)
-        add_control(made_.back(), stage + "/" + CONTROL_NAME, m);
+    if (!err && sc_.control != control_scene::missing) {
+        m.control = control_file{.dir = *m.target};
+        const std::string file = stage + "/" + CONTROL_NAME;
+        if ((made_.back().control = open(file.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644)) < 0)
+            cannot("create", file);
+        // IN_OPEN only to keep two closes apart: inotify merges an event
+        // into an identical one still unread at the end of its queue.
+        if ((made_.back().watch = inotify_add_watch(inotify_, file.c_str(), IN_OPEN | IN_CLOSE_WRITE)) < 0)
+            cannot("inotify_add_watch", file);
+    }
     umount2(stage.c_str(), MNT_DETACH);
     return err;
-}
-
-void module::add_control(made& fs, const std::string& file, mount_call& m)
-{
-    m.control = control_file{.dir = *m.target};
-    fs.control = open(file.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fs.control < 0)
-        cannot("create", file);
-    // IN_OPEN only to keep two closes apart: inotify merges an event into
-    // an identical one still unread at the end of its queue.
-    fs.watch = inotify_add_watch(inotify_, file.c_str(), IN_OPEN | IN_CLOSE_WRITE);
-    if (fs.watch < 0)
-        cannot("inotify_add_watch", file);
 }
 void module::answer_mount(listener& l)
 {
@@ -136,14 +128,12 @@ void module::hand_over(run_record& run)
 {
     // Each close of a control file that was opened for writing.
     alignas(inotify_event) char buf[4096];
-    for (ssize_t n; (n = read(inotify_, buf, sizeof buf)) > 0;) {
-        for (char* p = buf; p < buf + n; p += sizeof(inotify_event) + reinterpret_cast<inotify_event*>(p)->len) {
-            const auto* ev = reinterpret_cast<const inotify_event*>(p);
+    for (ssize_t n; (n = read(inotify_, buf, sizeof buf)) > 0;)
+        for (char* p = buf; p < buf + n; p += sizeof(inotify_event) + reinterpret_cast<inotify_event*>(p)->len)
             for (const made& fs : made_)
-                if (fs.watch == ev->wd && (ev->mask & IN_CLOSE_WRITE))
+                if (const auto* ev = reinterpret_cast<const inotify_event*>(p);
+                    fs.watch == ev->wd && (ev->mask & IN_CLOSE_WRITE))
                     ++calls_[fs.call].control->write_opens;
-        }
-    }
     for (const made& fs : made_)
         if (fs.control >= 0)
             calls_[fs.call].control->content = read_all(fs.control);

@@ -1,5 +1,4 @@
-// The emulated qeodmfs module: it answers mounts of its type and unmounts
-// of its mounts, and knows which of its mounts are live.
+// The emulated qeodmfs module, which knows which of its mounts are live.
 #pragma once
 
 #include "listener.h"
@@ -14,8 +13,7 @@ public:
     module(const module&) = delete;
     module& operator=(const module&) = delete;
 
-    // Every mount(2) and umount2(2) is recorded; those that are none of the
-    // module's go on to the kernel.
+    // All are recorded; calls that are none of the module's go on to the kernel.
     void answer_mount(listener& l);
     void answer_unmount(listener& l);
     // The calls, each mount with its control file as COMMAND left it.
@@ -29,7 +27,6 @@ private:
         int control = -1, watch = -1;
     };
     int mount_fs(const listener& l, mount_call& m);
-    void add_control(made& fs, const std::string& file, mount_call& m);
 
     const scene& sc_;
     std::vector<mount_call> calls_;

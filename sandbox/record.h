@@ -13,8 +13,7 @@
 
 namespace sandbox {
 
-// Each scene's words, as options take them and the report gives them, in
-// the order of its enumerators.
+// Each scene's words, as options take them and the report gives them, in enumerator order.
 enum class mtab_scene { file, symlink, missing };
 enum class tool_scene { absent, program, recorder, noexec };
 enum class control_scene { normal, missing, full };
@@ -33,8 +32,7 @@ struct scene {
     int mount_errno = 0, fork_errno = 0;
 };
 
-// A module mount's control file, as COMMAND left it.
-struct control_file {
+struct control_file {  // a module mount's, as COMMAND left it
     std::string dir, content{};  // the directory as the caller named it
     int write_opens = 0;
 };
@@ -80,8 +78,7 @@ struct sleep_call {
     double seconds = 0;
 };
 
-// An execve(2) of the recording tool.
-struct tool_run {
+struct tool_run {  // an execve(2) of the recording tool
     pid_t pid = 0;
     std::int64_t time = 0;
     std::vector<std::string> argv, env;

@@ -13,10 +13,10 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <set>
 
 #include "common.h"
-#include "listener.h"
 #include "module.h"
 
 namespace sandbox {
@@ -38,8 +38,7 @@ std::vector<std::string> strings_at(const listener& l, std::uint64_t addr)
 void answer_exec(listener& l, run_record& run)
 {
     std::optional<std::string> path = l.string_at(l.arg(0));
-    struct stat tool;
-    struct stat target;
+    struct stat tool, target;
     if (path && stat(l.reachable(*path).c_str(), &target) == 0 && stat(TOOL_PATH, &tool) == 0 &&
         target.st_dev == tool.st_dev && target.st_ino == tool.st_ino)
         run.tool_runs.push_back(
@@ -68,48 +67,33 @@ void answer_fork(listener& l, const run_record& run)
     std::uint64_t flags = l.nr() == SYS_clone ? l.arg(0) : 0;
     if (l.nr() == SYS_clone3)
         l.read(l.arg(0), &flags, sizeof flags);
-    if (flags & CLONE_VM)
-        l.pass_on();
-    else
-        l.reply(0, run.sc.fork_errno);
+    return flags & CLONE_VM ? l.pass_on() : l.reply(0, run.sc.fork_errno);
 }
 
-// The system calls that COMMAND's tree waits in for our answer.
-std::vector<long> trapped(const scene& sc)
+using trap_list = std::vector<std::pair<long, std::function<void(listener&)>>>;
+
+// The system calls that COMMAND's tree waits in for our answer, and who gives it.
+trap_list traps(const scene& sc, module& mod, run_record& run)
 {
-    std::vector<long> nrs{SYS_mount, SYS_umount2};
+    auto sleep = [&run](listener& l) { answer_sleep(l, run); };
+    auto fork = [&run](listener& l) { answer_fork(l, run); };
+    trap_list traps{{SYS_mount, [&mod](listener& l) { mod.answer_mount(l); }},
+                    {SYS_umount2, [&mod](listener& l) { mod.answer_unmount(l); }}};
     if (sc.tool == tool_scene::recorder)
-        nrs.push_back(SYS_execve);
+        traps.emplace_back(SYS_execve, [&run](listener& l) { answer_exec(l, run); });
     if (sc.fast_sleep)
-        nrs.insert(nrs.end(), {SYS_nanosleep, SYS_clock_nanosleep});
+        traps.insert(traps.end(), {{SYS_nanosleep, sleep}, {SYS_clock_nanosleep, sleep}});
     if (sc.fork_errno)
-        nrs.insert(nrs.end(), {SYS_clone, SYS_clone3});
+        traps.insert(traps.end(), {{SYS_clone, fork}, {SYS_clone3, fork}});
 #ifdef SYS_fork
     if (sc.fork_errno)
-        nrs.insert(nrs.end(), {SYS_fork, SYS_vfork});
+        traps.insert(traps.end(), {{SYS_fork, fork}, {SYS_vfork, fork}});
 #endif
-    return nrs;
-}
-
-void answer(listener& l, module& mod, run_record& run)
-{
-    switch (l.nr()) {
-    case SYS_mount:
-        return mod.answer_mount(l);
-    case SYS_umount2:
-        return mod.answer_unmount(l);
-    case SYS_execve:
-        return answer_exec(l, run);
-    case SYS_nanosleep:
-    case SYS_clock_nanosleep:
-        return answer_sleep(l, run);
-    default:  // the forks
-        return answer_fork(l, run);
-    }
+    return traps;
 }
 
 // The child: from here on it and all below it are under the filter.
-[[noreturn]] void run_command(const options& opt, int sock)
+[[noreturn]] void run_command(const options& opt, const trap_list& traps, int sock)
 {
     // COMMAND starts from the default dispositions, lest a caller's nohup or
     // '&' show up as signals the helper ignored. Straight to the kernel: glibc
@@ -126,7 +110,10 @@ void answer(listener& l, module& mod, run_record& run)
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    if (!install_filter(trapped(opt.sc), sock))
+    std::vector<long> trapped;
+    for (const auto& trap : traps)
+        trapped.push_back(trap.first);
+    if (!install_filter(trapped, sock))
         _exit(EXIT_SANDBOX_FAILED);
     execvp(opt.command[0], opt.command.data());
     int err = errno;
@@ -159,9 +146,8 @@ std::vector<pid_t> descendants()
     return found;
 }
 
-// As a subreaper we inherit every orphan: once no child is left to reap,
-// nothing of COMMAND runs on. `first` goes first; COMMAND gets a second to
-// end by it. Counts the processes killed.
+// As a subreaper we inherit every orphan: once none is left to reap, nothing
+// of COMMAND runs on. COMMAND gets a second to end by `first`. Counts kills.
 int kill_tree(pid_t child, int first, command_end& end)
 {
     for (pid_t p : first ? descendants() : std::vector<pid_t>{})
@@ -207,8 +193,8 @@ run_record supervise(const options& opt)
 {
     run_record run;
     run.sc = opt.sc;
-    module mod(opt.sc);
     run.command.argv.assign(opt.command.begin(), opt.command.end() - 1);
+    module mod(opt.sc);
     sigset_t handled;
     sigemptyset(&handled);
     for (int sig : {SIGCHLD, SIGINT, SIGTERM, SIGHUP, SIGQUIT})
@@ -222,11 +208,12 @@ run_record supervise(const options& opt)
     int sock[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sock) != 0)
         die("cannot socketpair: %s", strerror(errno));
+    const trap_list answers = traps(opt.sc, mod, run);
     pid_t child = fork();
     if (child < 0)
         die("cannot fork: %s", strerror(errno));
     if (child == 0)
-        run_command(opt, sock[1]);
+        run_command(opt, answers, sock[1]);
     close(sock[1]);
     listener l(take_listener(child, sock[0]));
     close(sock[0]);
@@ -251,10 +238,13 @@ run_record supervise(const options& opt)
         }
         if (run.command.timed_out || run.command.interrupted_by)
             break;
-        if ((fds[1].revents & POLLIN) && l.receive())
-            answer(l, mod, run);
-        else if (fds[1].revents & (POLLHUP | POLLERR))
+        if ((fds[1].revents & POLLIN) && l.receive()) {
+            for (const auto& [nr, answer] : answers)
+                if (nr == l.nr())
+                    answer(l);
+        } else if (fds[1].revents & (POLLHUP | POLLERR)) {
             fds[1].fd = -1;
+        }
     }
     // SIGQUIT is not passed on: it would leave core files.
     const int sig = run.command.interrupted_by;
