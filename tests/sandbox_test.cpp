@@ -38,7 +38,7 @@ TEST_F(SandboxTest, NothingReachesTheRealSystem)
 {
     const std::string before = real_system();
     const sandbox_result r = run_sandbox(
-        {"--tolvane-record", "--helper", HELPER_PATH, "--mtab-content", "x y z 0 0\n"},
+        {"--tolvane", "/bin/true", "--helper", HELPER_PATH, "--mtab-content", "x y z 0 0\n"},
         {"sh", "-c", HELPER_PATH " -o cluster; " PROBE_PATH " 2 32; echo on > /dev/odm/cluster; umount /dev/odm;"
                      "echo x > /etc/odm-sandbox-leak; touch /etc/mtab~ /opt/odm-sandbox-leak;"
                      "mkdir -p /opt/KELD/bin /dev/scratch; touch /dev/odm-sandbox-leak /dev/null;"
