@@ -40,7 +40,8 @@ void remove_file(const std::string& path)
 
 void enter_namespaces()
 {
-    const std::string uid = std::to_string(geteuid()), gid = std::to_string(getegid());
+    const std::string uid = std::to_string(geteuid());
+    const std::string gid = std::to_string(getegid());
     // Real root needs no user namespace and keeps seeing files as they are.
     if (uid != "0" || unshare(CLONE_NEWNS) != 0) {
         if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
@@ -119,7 +120,9 @@ void mirror(const std::string& real, const std::string& dir, const char* left_ou
 
 void make_throwaway(std::vector<int>& held)
 {
-    std::string real_etc = hold("/etc", held), real_opt = hold("/opt", held), real_dev = hold("/dev", held);
+    std::string real_etc = hold("/etc", held);
+    std::string real_opt = hold("/opt", held);
+    std::string real_dev = hold("/dev", held);
     std::error_code ec;
     std::string sbin = fs::canonical("/sbin", ec);  // /usr/sbin on a merged /usr
     if (ec)

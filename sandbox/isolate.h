@@ -5,8 +5,7 @@
 
 namespace sandbox {
 
-// From here on /etc, /dev, /opt and /sbin are throwaway copies in a mount
-// namespace of our own, set as `sc` asks, whatever the real machine holds.
+// From here on /etc, /dev, /opt and /sbin are throwaway copies, set as `sc` asks.
 void isolate(const scene& sc);
 
 }  // namespace sandbox

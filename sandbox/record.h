@@ -98,8 +98,7 @@ struct run_record {
     std::vector<unmount_call> unmounts;
     std::vector<sleep_call> sleeps;
     std::vector<tool_run> tool_runs;
-    // Read once COMMAND has ended.
-    const char* mtab_kind = "missing";  // file, symlink, missing or other
+    const char* mtab_kind = "missing";  // at the end: file, symlink, missing or other
     std::string mtab_text;  // a file's content, a link's target
     std::vector<std::string> lock_files;
 };

@@ -5,8 +5,7 @@
 
 namespace sandbox {
 
-// Briefly on stderr unless `quiet`, and in full as JSON into `json_fd`
-// when it is open, which is `json_path`.
+// Briefly on stderr unless `quiet`; in full as JSON into `json_fd`, if open (`json_path`).
 void report(const run_record& run, bool quiet, int json_fd, const std::string& json_path);
 // What the sandbox exits with, and the report's status.
 int exit_status(const command_end& c);

@@ -38,7 +38,8 @@ std::vector<std::string> strings_at(const listener& l, std::uint64_t addr)
 void answer_exec(listener& l, run_record& run)
 {
     std::optional<std::string> path = l.string_at(l.arg(0));
-    struct stat tool, target;
+    struct stat tool;
+    struct stat target;
     if (path && stat(l.reachable(*path).c_str(), &target) == 0 && stat(TOOL_PATH, &tool) == 0 &&
         target.st_dev == tool.st_dev && target.st_ino == tool.st_ino)
         run.tool_runs.push_back(
@@ -67,7 +68,7 @@ void answer_fork(listener& l, const run_record& run)
     std::uint64_t flags = l.nr() == SYS_clone ? l.arg(0) : 0;
     if (l.nr() == SYS_clone3)
         l.read(l.arg(0), &flags, sizeof flags);
-    return flags & CLONE_VM ? l.pass_on() : l.reply(0, run.sc.fork_errno);
+    return (flags & CLONE_VM) ? l.pass_on() : l.reply(0, run.sc.fork_errno);
 }
 
 using trap_list = std::vector<std::pair<long, std::function<void(listener&)>>>;
