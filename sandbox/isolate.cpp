@@ -108,14 +108,14 @@ void mirror(const std::string& real, const std::string& dir, const char* left_ou
         else
             write_file(to, "", 0600);
         if (ec)
-            die("cannot copy %s: %s", to.c_str(), ec.message().c_str());
+            die("cannot %s %s: %s", link ? "copy the link" : "mkdir", to.c_str(), ec.message().c_str());
         if (to == "/dev/shm")
             mount("shm", to.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
         else if (!link && !bind_readonly(entry.path(), to))
             remove(to.c_str());
     }
     if (ec)
-        die("cannot list the real %s: %s", dir.c_str(), ec.message().c_str());
+        die("cannot readdir the real %s: %s", dir.c_str(), ec.message().c_str());
 }
 
 void make_throwaway(std::vector<int>& held)
@@ -126,7 +126,7 @@ void make_throwaway(std::vector<int>& held)
     std::error_code ec;
     std::string sbin = fs::canonical("/sbin", ec);  // /usr/sbin on a merged /usr
     if (ec)
-        die("cannot resolve /sbin: %s", ec.message().c_str());
+        die("cannot realpath /sbin: %s", ec.message().c_str());
     std::string real_sbin = hold(sbin, held);
     // The upper layers live on a tmpfs that the /etc overlay then covers.
     if (mount("odm-sandbox", "/etc", "tmpfs", 0, "mode=700") != 0)
@@ -164,7 +164,7 @@ void isolate(const scene& sc)
         if (is_lock_name(entry.path().filename().native()))
             remove_file(entry.path());
     if (ec)
-        die("cannot list /etc: %s", ec.message().c_str());
+        die("cannot readdir /etc: %s", ec.message().c_str());
     remove_file(MTAB_PATH);
     remove_file(HELPER_PATH);
     if (sc.mtab == mtab_scene::file)
