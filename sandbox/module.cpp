@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* MODULE_TYPE = "qeodmfs";
 
-// Of `size` bytes, it fills a file system: writes to the control file fail.
+// Empty, or of `size` bytes that fill a small file system: control writes then fail.
 void make_file(const std::string& file, off_t size)
 {
     int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
