@@ -1,4 +1,4 @@
-#include "sandbox.h"
+#include "common.h"
 
 #include <signal.h>
 
@@ -34,10 +34,22 @@ void die(const char* fmt, ...)
     exit(EXIT_SANDBOX_FAILED);
 }
 
+int cannot(const char* call, const std::string& path)
+{
+    int err = errno;
+    complain("cannot %s %s: %s", call, path.c_str(), strerror(err));
+    return err;
+}
+
+void fail(const char* call, const std::string& path)
+{
+    cannot(call, path);
+    exit(EXIT_SANDBOX_FAILED);
+}
+
 std::string errno_name(int err)
 {
-    const char* name = strerrorname_np(err);
-    return name ? name : std::to_string(err);
+    return strerrorname_np(err) ? strerrorname_np(err) : std::to_string(err);
 }
 
 std::vector<std::string> signal_names(std::uint64_t mask)

@@ -1,13 +1,15 @@
-// The throwaway system: a private mount namespace in which /etc, /opt (and
-// /sbin when a helper is shown there) are overlays with a tmpfs upper layer,
-// and /dev is a tmpfs that mirrors the real one entry by entry.
+// The throwaway system: in a private mount namespace, /etc and /sbin are
+// overlays, and /dev and /opt are tmpfs mirroring the real ones.
 
-#include "sandbox.h"
+#include "isolate.h"
 
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
 #include <filesystem>
+
+#include "common.h"
 
 namespace sandbox {
 namespace {
@@ -17,34 +19,49 @@ namespace fs = std::filesystem;
 void write_file(const std::string& path, std::string_view text, mode_t mode = 0644)
 {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-    if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()) || close(fd) != 0)
-        die("%s: %s", path.c_str(), strerror(errno));
+    if (fd < 0)
+        fail("create", path);
+    if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        fail("write", path);
+    close(fd);
+}
+
+void make_dir(const std::string& path, mode_t mode)
+{
+    if (mkdir(path.c_str(), mode) != 0)
+        fail("mkdir", path);
+}
+
+void remove_file(const std::string& path)
+{
+    if (unlink(path.c_str()) != 0 && errno != ENOENT)
+        fail("unlink", path);
 }
 
 void enter_namespaces()
 {
-    uid_t uid = geteuid();
-    gid_t gid = getegid();
+    const std::string uid = std::to_string(geteuid());
+    const std::string gid = std::to_string(getegid());
     // Real root needs no user namespace and keeps seeing files as they are.
-    if (uid != 0 || unshare(CLONE_NEWNS) != 0) {
+    if (uid != "0" || unshare(CLONE_NEWNS) != 0) {
         if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
-            die("%scannot create a user and mount namespace: %s (see kernel.unprivileged_userns_clone and "
+            die("%scannot unshare a user and mount namespace: %s (see kernel.unprivileged_userns_clone and "
                 "user.max_user_namespaces)", UNAVAILABLE, strerror(errno));
         write_file("/proc/self/setgroups", "deny");
-        write_file("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
-        write_file("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+        write_file("/proc/self/uid_map", "0 " + uid + " 1");
+        write_file("/proc/self/gid_map", "0 " + gid + " 1");
     }
     // Without this our mounts would propagate back into the real system.
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        die("%scannot make mounts private: %s", UNAVAILABLE, strerror(errno));
+        die("%scannot mount / private: %s", UNAVAILABLE, strerror(errno));
 }
 
-// The directory as it is now, reachable by a path once it is covered.
-std::string hold_dir(const std::string& path, std::vector<int>& held)
+// The file or directory as it is now, reachable by a path once covered.
+std::string hold(const std::string& given, std::vector<int>& held)
 {
-    int fd = open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    int fd = open(given.c_str(), O_PATH | O_CLOEXEC);
     if (fd < 0)
-        die("%s: %s", path.c_str(), strerror(errno));
+        fail("open", given);
     held.push_back(fd);
     return "/proc/self/fd/" + std::to_string(fd);
 }
@@ -57,127 +74,127 @@ bool bind_readonly(const std::string& from, const std::string& to)
     if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
         return false;
     if (mount_setattr(AT_FDCWD, to.c_str(), AT_RECURSIVE, &attr, sizeof attr) != 0)
-        die("%scannot make %s read-only: %s", UNAVAILABLE, to.c_str(), strerror(errno));
+        die("%scannot mount_setattr %s read-only: %s", UNAVAILABLE, to.c_str(), strerror(errno));
     return true;
 }
 
 void overlay(const std::string& target, const std::string& lower, const std::string& layers)
 {
-    std::error_code ec;
-    fs::create_directories(layers + "/upper", ec);
-    fs::create_directories(layers + "/work", ec);
-    std::string opts = "lowerdir=" + lower + ",upperdir=" + layers + "/upper,workdir=" + layers + "/work";
-    if (ec || mount("odm-sandbox", target.c_str(), "overlay", 0, opts.c_str()) != 0)
-        die("%scannot put an overlay on %s: %s", UNAVAILABLE, target.c_str(), ec ? ec.message().c_str() : strerror(errno));
+    make_dir(layers, 0755);
+    make_dir(layers + ".work", 0700);
+    std::string opts = "lowerdir=" + lower + ",upperdir=" + layers + ",workdir=" + layers + ".work";
+    if (mount("odm-sandbox", target.c_str(), "overlay", 0, opts.c_str()) != 0)
+        die("%scannot mount an overlay on %s: %s", UNAVAILABLE, target.c_str(), strerror(errno));
 }
 
-// An overlay cannot take the real /dev as its lower layer in a user
-// namespace (its submounts are locked), so /dev is rebuilt: device nodes and
-// directories are bound in read-only, so that nothing written through them
-// reaches the real /dev, and /dev/shm is a fresh tmpfs. A device we cannot
-// reach is no worse than one the machine lacks: it is left out.
-void mirror_dev(const std::string& real_dev)
+// An overlay in a user namespace cannot have /dev below (locked submounts),
+// nor remove what an unmapped root owns (an installed /opt/KELD): both are
+// rebuilt from entries bound in read-only. What we cannot reach is left out.
+void mirror(const std::string& real, const std::string& dir, const char* left_out)
 {
-    if (mount("odm-sandbox", "/dev", "tmpfs", MS_NOSUID, "mode=755") != 0)
-        die("cannot put a tmpfs on /dev: %s", strerror(errno));
+    if (mount("odm-sandbox", dir.c_str(), "tmpfs", MS_NOSUID, "mode=755") != 0)
+        fail("mount a tmpfs on", dir);
     std::error_code ec;
-    for (const fs::directory_entry& entry : fs::directory_iterator(real_dev, ec)) {
-        std::string name = entry.path().filename();
-        std::string to = "/dev/" + name;
-        if (name == "odm")
+    for (const fs::directory_entry& entry : fs::directory_iterator(real, ec)) {
+        std::string to = dir + "/" + entry.path().filename().native();
+        bool link = entry.is_symlink(ec);
+        if (entry.path().filename() == left_out)
             continue;
-        if (entry.is_symlink(ec)) {
+        // mknod is not ours to use in a user namespace; a bind is.
+        if (link)
             fs::copy_symlink(entry.path(), to, ec);
-        } else if (entry.is_directory(ec)) {
+        else if (entry.is_directory(ec))
             fs::create_directory(to, ec);
-            if (name == "shm")
-                mount("shm", to.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
-            else if (!bind_readonly(entry.path(), to))
-                rmdir(to.c_str());
-        } else {
-            // mknod is not ours to use in a user namespace; a bind is.
+        else
             write_file(to, "", 0600);
-            if (!bind_readonly(entry.path(), to))
-                unlink(to.c_str());
-        }
         if (ec)
-            die("%s: %s", to.c_str(), ec.message().c_str());
+            die("cannot %s %s: %s", link ? "copy the link" : "mkdir", to.c_str(), ec.message().c_str());
+        if (to == "/dev/shm")
+            mount("shm", to.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
+        else if (!link && !bind_readonly(entry.path(), to))
+            remove(to.c_str());
     }
     if (ec)
-        die("/dev: %s", ec.message().c_str());
+        die("cannot readdir the real %s: %s", dir.c_str(), ec.message().c_str());
 }
 
-void make_throwaway(const scene& sc)
+void make_throwaway(std::vector<int>& held)
 {
-    std::vector<int> held;
-    std::string real_etc = hold_dir("/etc", held);
-    std::string real_opt = hold_dir("/opt", held);
-    std::string real_dev = hold_dir("/dev", held);
-    // On a merged /usr, /sbin is a link and the directory to cover is /usr/sbin.
+    std::string real_etc = hold("/etc", held);
+    std::string real_opt = hold("/opt", held);
+    std::string real_dev = hold("/dev", held);
     std::error_code ec;
-    std::string sbin = sc.helper ? fs::canonical("/sbin", ec).native() : "";
-    std::string real_sbin = sc.helper ? hold_dir(sbin, held) : "";
-    // The upper layers live on a tmpfs that the /etc overlay then covers, so
-    // that nothing inside the sandbox can reach them by a path.
+    std::string sbin = fs::canonical("/sbin", ec);  // /usr/sbin on a merged /usr
+    if (ec)
+        die("cannot realpath /sbin: %s", ec.message().c_str());
+    std::string real_sbin = hold(sbin, held);
+    // The upper layers live on a tmpfs that the /etc overlay then covers.
     if (mount("odm-sandbox", "/etc", "tmpfs", 0, "mode=700") != 0)
-        die("%scannot mount a tmpfs: %s", UNAVAILABLE, strerror(errno));
-    std::string base = hold_dir("/etc", held);
-    overlay("/opt", real_opt, base + "/opt");
-    if (sc.helper)
-        overlay(sbin, real_sbin, base + "/sbin");
+        die("%scannot mount a tmpfs on /etc: %s", UNAVAILABLE, strerror(errno));
+    std::string base = hold("/etc", held);
+    overlay(sbin, real_sbin, base + "/sbin");
     overlay("/etc", real_etc, base + "/etc");
-    mirror_dev(real_dev);
-    // Left open, they would show COMMAND the way to the real directories.
-    for (int fd : held)
-        close(fd);
+    mirror(real_dev, "/dev", "odm");
+    mirror(real_opt, "/opt", "KELD");
 }
 
-void copy_program(const std::string& from, const std::string& to)
+void copy_program(const std::string& from, const std::string& given, const std::string& to)
 {
     std::error_code ec;
-    if (!fs::copy_file(from, to, fs::copy_options::overwrite_existing, ec) || chmod(to.c_str(), 0755) != 0)
-        die("cannot copy %s to %s: %s", from.c_str(), to.c_str(), ec ? ec.message().c_str() : strerror(errno));
+    if (!fs::copy_file(from, to, ec))
+        die("cannot copy %s to %s: %s", given.c_str(), to.c_str(), ec.message().c_str());
+    if (chmod(to.c_str(), 0755) != 0)
+        fail("chmod", to);
 }
 
 }  // namespace
 
 void isolate(const scene& sc)
 {
+    // Taken before anything covers them: they may be the installed ones.
+    std::vector<int> held;
+    std::string tool = sc.tool == tool_scene::program ? hold(sc.tool_program, held) : "/bin/true";
+    std::string helper = sc.helper ? hold(*sc.helper, held) : "";
+    std::string messages = sc.messages_dir ? hold(*sc.messages_dir, held) + "/." : "";
     enter_namespaces();
-    make_throwaway(sc);
-    // The scene starts from no lock and no product, whatever the real
-    // machine holds.
+    make_throwaway(held);
+    // No lock and no helper, whatever the machine holds.
     std::error_code ec;
     for (const fs::directory_entry& entry : fs::directory_iterator("/etc", ec))
         if (is_lock_name(entry.path().filename().native()))
-            fs::remove(entry.path(), ec);
-    fs::remove(MTAB_PATH, ec);
-    fs::remove_all("/opt/KELD", ec);
+            remove_file(entry.path());
     if (ec)
-        die("cannot clear the scene: %s", ec.message().c_str());
+        die("cannot readdir /etc: %s", ec.message().c_str());
+    remove_file(MTAB_PATH);
+    remove_file(HELPER_PATH);
     if (sc.mtab == mtab_scene::file)
         write_file(MTAB_PATH, sc.mtab_content);
     if (sc.mtab == mtab_scene::symlink && symlink("/proc/mounts", MTAB_PATH) != 0)
-        die("%s: %s", MTAB_PATH, strerror(errno));
+        fail("symlink", MTAB_PATH);
     if (sc.mtab_locked)
         write_file(MTAB_LOCK_PATH, "");
-    if ((sc.odm_present && mkdir("/dev/odm", 0755) != 0) || mkdir(STATE_DIR, 0700) != 0)
-        die("cannot set up /dev: %s", strerror(errno));
+    if (sc.odm_present)
+        make_dir("/dev/odm", 0755);
+    make_dir(STATE_DIR, 0700);
+    make_dir(STAGE_DIR, 0700);
 
-    if (sc.tool != tool_scene::absent || sc.messages_dir)
-        fs::create_directories("/opt/KELD/bin", ec);
+    if (sc.tool != tool_scene::absent || sc.messages_dir) {
+        make_dir("/opt/KELD", 0755);
+        make_dir("/opt/KELD/bin", 0755);
+    }
     if (sc.messages_dir)
-        fs::copy(*sc.messages_dir, "/opt/KELD/messages", fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
+        fs::copy(messages, "/opt/KELD/messages", fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
     if (ec)
-        die("cannot set up /opt/KELD: %s", ec.message().c_str());
-    // The recorder is a program that does nothing; its runs are noted as
-    // they start.
+        die("cannot copy %s to /opt/KELD/messages: %s", sc.messages_dir->c_str(), ec.message().c_str());
     if (sc.tool == tool_scene::noexec)
         write_file(TOOL_PATH, "#!/bin/sh\nexit 0\n", 0644);
     else if (sc.tool != tool_scene::absent)
-        copy_program(sc.tool == tool_scene::program ? sc.tool_program : "/bin/true", TOOL_PATH);
+        copy_program(tool, sc.tool == tool_scene::program ? sc.tool_program : tool, TOOL_PATH);
     if (sc.helper)
-        copy_program(*sc.helper, "/sbin/mount.qeodmfs");
+        copy_program(helper, *sc.helper, HELPER_PATH);
+    // Left open, they would show COMMAND the way to the real files.
+    for (int fd : held)
+        close(fd);
 }
 
 }  // namespace sandbox

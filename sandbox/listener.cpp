@@ -1,14 +1,29 @@
-#include "sandbox.h"
+#include "listener.h"
 
 #include <linux/audit.h>
 #include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 
 #include <algorithm>
 #include <cstddef>
+#include <tuple>
+
+#include "common.h"
 
 namespace sandbox {
+namespace {
+
+// The number after `key` in /proc/PID/status, or 0 when it is not there.
+std::uint64_t status_field(const std::string& status, const char* key, int base)
+{
+    std::size_t at = status.find(key);
+    return at == std::string::npos ? 0 : strtoull(status.c_str() + at + strlen(key), nullptr, base);
+}
+
+}  // namespace
+
 #if defined(__x86_64__)
 constexpr std::uint32_t NATIVE_ARCH = AUDIT_ARCH_X86_64;
 #elif defined(__aarch64__)
@@ -34,10 +49,10 @@ bool install_filter(const std::vector<long>& trapped, int sock)
     sock_fprog prog{static_cast<unsigned short>(f.size()), f.data()};
     int fd = static_cast<int>(syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &prog));
     if (fd < 0)
-        complain("%scannot install a seccomp filter with a listener: %s", UNAVAILABLE, strerror(errno));
-    // The parent copies the listener out of our descriptors, and says when.
+        complain("%scannot seccomp(SECCOMP_SET_MODE_FILTER) with a listener: %s", UNAVAILABLE, strerror(errno));
+    // The parent copies it out of our descriptors, says when, and tells its failures.
     char taken = 0;
-    return fd >= 0 && write(sock, &fd, sizeof fd) == sizeof fd && read(sock, &taken, 1) == 1 && close(fd) == 0;
+    return fd >= 0 && write(sock, &fd, sizeof fd) == sizeof fd && read(sock, &taken, 1) == 1;
 }
 
 int take_listener(pid_t child, int sock)
@@ -46,9 +61,11 @@ int take_listener(pid_t child, int sock)
     if (read(sock, &theirs, sizeof theirs) != sizeof theirs)
         return -1;  // the child failed first, and said why
     int pidfd = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
+    if (pidfd < 0)
+        die("%scannot pidfd_open process %d: %s", errno == ENOSYS ? UNAVAILABLE : "", child, strerror(errno));
     int fd = static_cast<int>(syscall(SYS_pidfd_getfd, pidfd, theirs, 0));
     if (fd < 0)
-        die("%scannot take the seccomp listener from process %d: %s", UNAVAILABLE, child, strerror(errno));
+        die("%scannot pidfd_getfd the seccomp listener of process %d: %s", UNAVAILABLE, child, strerror(errno));
     close(pidfd);
     return write(sock, "", 1) == 1 ? fd : -1;
 }
@@ -57,7 +74,7 @@ listener::listener(int fd) : fd_(fd)
 {
     seccomp_notif_sizes sizes{};
     if (syscall(SYS_seccomp, SECCOMP_GET_NOTIF_SIZES, 0, &sizes) != 0)
-        die("cannot ask for the seccomp notification sizes: %s", strerror(errno));
+        die("cannot seccomp(SECCOMP_GET_NOTIF_SIZES): %s", strerror(errno));
     req_.resize(std::max<std::size_t>(sizes.seccomp_notif, sizeof(seccomp_notif)));
     resp_.resize(std::max<std::size_t>(sizes.seccomp_notif_resp, sizeof(seccomp_notif_resp)));
 }
@@ -76,20 +93,21 @@ bool listener::receive()
     std::fill(req_.begin(), req_.end(), 0);
     if (ioctl(fd_, SECCOMP_IOCTL_NOTIF_RECV, req_.data()) != 0)
         return false;  // the caller died before we got to it
-    std::string proc = "/proc/" + std::to_string(req().pid);
+    const auto* req = reinterpret_cast<const seccomp_notif*>(req_.data());
+    std::tie(id_, thread_, nr_) = std::tuple(req->id, static_cast<pid_t>(req->pid), req->data.nr);
+    std::copy(std::begin(req->data.args), std::end(req->data.args), args_.begin());
+    std::string proc = "/proc/" + std::to_string(thread_);
     mem_ = open((proc + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
     std::string status = read_file(proc + "/status");
     // Checked after the opens: had the pid been recycled before them, the
     // call would no longer be valid, and a stranger's memory is not read.
-    std::uint64_t id = req().id;
-    bool live = ioctl(fd_, SECCOMP_IOCTL_NOTIF_ID_VALID, &id) == 0;
-    if (live && mem_ >= 0 && !status.empty()) {
-        tgid_ = static_cast<pid_t>(strtol(status.c_str() + status.find("\nTgid:") + 6, nullptr, 10));
-        ignored_ = strtoull(status.c_str() + status.find("\nSigIgn:") + 8, nullptr, 16);
+    bool live = ioctl(fd_, SECCOMP_IOCTL_NOTIF_ID_VALID, &id_) == 0;
+    tgid_ = static_cast<pid_t>(status_field(status, "\nTgid:", 10));
+    ignored_ = status_field(status, "\nSigIgn:", 16);
+    if (live && mem_ >= 0 && tgid_ > 0)
         return true;
-    }
     if (live) {
-        complain("cannot read process %d: %s", req().pid, strerror(errno));
+        cannot("read", mem_ < 0 ? proc + "/mem" : proc + "/status");
         pass_on();
     }
     return false;
@@ -112,17 +130,15 @@ std::optional<std::string> listener::string_at(std::uint64_t addr) const
 std::string listener::reachable(const std::string& path) const
 {
     // A relative one through the caller's working directory.
-    return path.starts_with('/') ? path : "/proc/" + std::to_string(req().pid) + "/cwd/" + path;
+    return path.starts_with('/') ? path : "/proc/" + std::to_string(thread_) + "/cwd/" + path;
 }
 
-void listener::reply(std::int64_t val, int error, std::uint32_t flags)
+void listener::reply(std::int64_t val, int error, bool go_on)
 {
     std::fill(resp_.begin(), resp_.end(), 0);
     auto* resp = reinterpret_cast<seccomp_notif_resp*>(resp_.data());
-    resp->id = req().id;
-    resp->val = val;
-    resp->error = -error;
-    resp->flags = flags;
+    *resp = {.id = id_, .val = val, .error = -error,
+             .flags = static_cast<std::uint32_t>(go_on ? SECCOMP_USER_NOTIF_FLAG_CONTINUE : 0)};
     // ENOENT: the caller was killed while we worked; nobody to tell.
     ioctl(fd_, SECCOMP_IOCTL_NOTIF_SEND, resp);
 }

@@ -1,16 +1,22 @@
 // odm-sandbox: runs a command in a throwaway system where an emulated kernel
 // module answers mount(2) of "qeodmfs", and reports what the command did.
 
-#include "sandbox.h"
-
 #include <getopt.h>
 
 #include <algorithm>
+
+#include "common.h"
+#include "isolate.h"
+#include "report.h"
+#include "supervise.h"
 
 namespace sandbox {
 namespace {
 
 // getopt hands every option that takes an argument a non-null one.
+
+// A day: longer than any test, short enough for poll(2)'s milliseconds.
+constexpr double MAX_TIMEOUT = 86400;
 
 template <typename E, std::size_t N>
 E choose(const char* option, const char* arg, const std::array<const char*, N>& words)
@@ -34,11 +40,12 @@ struct option_row {
     char letter;      // a short form, or 0
     const char* arg;  // as --help names the argument; null for none
     const char* help;
-    void (*set)(options& opt, const char* arg);  // null for --help
+    void (*set)(options& opt, const char* arg);
 };
 
-// getopt's table and --help both come from this one, and sandbox/README.md
-// shows what --help prints (a test compares the two).
+[[noreturn]] void print_help();
+
+// getopt's table and --help, which README.md shows (a test compares), come from this.
 constexpr option_row OPTIONS[] = {
     {"mtab", 0, "file|symlink|missing", "/etc/mtab is a regular file (the default), a link to /proc/mounts, or none",
      [](options& o, const char* a) { o.sc.mtab = choose<mtab_scene>("--mtab", a, MTAB_SCENES); }},
@@ -67,18 +74,18 @@ constexpr option_row OPTIONS[] = {
      [](options& o, const char* a) { o.sc.helper = a; }},
     {"fast-sleep", 0, nullptr, "sleeps of COMMAND and everything under it return at once, and are recorded",
      [](options& o, const char*) { o.sc.fast_sleep = true; }},
-    {"timeout", 0, "SECONDS", "COMMAND and everything under it are killed after SECONDS; the status is 124",
+    {"timeout", 0, "SECONDS", "COMMAND and everything under it are killed after SECONDS, at most 86400; the status is 124",
      [](options& o, const char* a) {
          char* end = nullptr;
          o.timeout = strtod(a, &end);  // NOLINT(clang-analyzer-core.NonNullParamChecker)
-         if (end == a || *end != '\0' || !(o.timeout > 0))
-             die("--timeout: not a positive number of seconds: '%s'", a);
+         if (end == a || *end != '\0' || !(o.timeout > 0 && o.timeout <= MAX_TIMEOUT))
+             die("--timeout: not a number of seconds above 0 and up to %g: '%s'", MAX_TIMEOUT, a);
      }},
     {"json", 0, "FILE", "the report as JSON into FILE, which is opened before anything else",
      [](options& o, const char* a) { o.json_path = a; }},
     {"quiet", 'q', nullptr, "no report on stderr, which then carries COMMAND's own output",
      [](options& o, const char*) { o.quiet = true; }},
-    {"help", 'h', nullptr, "this list", nullptr},
+    {"help", 'h', nullptr, "this list", [](options&, const char*) { print_help(); }},
 };
 
 void print_help()
@@ -90,6 +97,7 @@ void print_help()
     for (const option_row& row : OPTIONS)
         printf("  %s--%s%s%s\n      %s\n", row.letter ? std::string{'-', row.letter, ',', ' '}.c_str() : "", row.name,
                row.arg ? " " : "", row.arg ? row.arg : "", row.help);
+    exit(0);
 }
 
 options parse_options(int argc, char** argv)
@@ -97,22 +105,17 @@ options parse_options(int argc, char** argv)
     std::vector<option> longs;
     std::string letters = "+";  // everything from COMMAND on belongs to COMMAND
     for (const option_row& row : OPTIONS) {
-        longs.push_back({row.name, row.arg ? required_argument : no_argument, nullptr,
-                         static_cast<int>(256 + (&row - OPTIONS))});
+        longs.push_back({row.name, row.arg ? required_argument : no_argument, nullptr, row.letter ? row.letter : 256});
         letters += row.letter ? std::string(1, row.letter) : "";
     }
     longs.push_back({});
     options opt;
-    for (int c; (c = getopt_long(argc, argv, letters.c_str(), longs.data(), nullptr)) != -1;) {
-        const option_row* row = c >= 256 ? &OPTIONS[c - 256]
-                                         : std::find_if(std::begin(OPTIONS), std::end(OPTIONS),
-                                                        [c](const option_row& r) { return r.letter == c; });
+    int index = 0;  // of the long option found, where there is no letter to tell
+    for (int c; (c = getopt_long(argc, argv, letters.c_str(), longs.data(), &index)) != -1;) {
+        auto by_letter = [c](const option_row& r) { return r.letter == c; };
+        const option_row* row = c == 256 ? &OPTIONS[index] : std::find_if(std::begin(OPTIONS), std::end(OPTIONS), by_letter);
         if (row == std::end(OPTIONS))
             die("see odm-sandbox --help");
-        if (!row->set) {
-            print_help();
-            exit(0);
-        }
         row->set(opt, optarg);
     }
     if (optind >= argc)
@@ -129,14 +132,12 @@ int main(int argc, char** argv)
 {
     using namespace sandbox;
     options opt = parse_options(argc, argv);
-    // Opened before /etc, /dev and /opt turn into throwaway copies, so the
-    // report lands where the caller meant, whatever path was given.
+    // Opened before anything is covered, so any path works.
     int json_fd = opt.json_path.empty() ? -1 : open(opt.json_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (!opt.json_path.empty() && json_fd < 0)
-        die("%s: %s", opt.json_path.c_str(), strerror(errno));
+        fail("open", opt.json_path);
     isolate(opt.sc);
     run_record run = supervise(opt);
-    record_end_state(run);
-    report(run, opt.quiet, json_fd);
+    report(run, opt.quiet, json_fd, opt.json_path);
     return exit_status(run.command);
 }

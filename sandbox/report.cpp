@@ -1,4 +1,4 @@
-#include "sandbox.h"
+#include "report.h"
 
 #include <sys/wait.h>
 
@@ -7,6 +7,8 @@
 #include <cinttypes>
 
 #include <nlohmann/json.hpp>
+
+#include "common.h"
 
 namespace nlohmann {
 // An empty optional is null.
@@ -40,11 +42,8 @@ std::optional<std::string> signal_of(int sig)
 // Mounts stack: the last one made is the one in sight.
 const control_file* last_control(const run_record& run)
 {
-    const control_file* last = nullptr;
-    for (const mount_call& m : run.mounts)
-        if (m.control)
-            last = &*m.control;
-    return last;
+    auto m = std::find_if(run.mounts.rbegin(), run.mounts.rend(), [](const mount_call& c) { return c.control; });
+    return m == run.mounts.rend() ? nullptr : &*m->control;
 }
 
 std::string joined(const std::vector<std::string>& words)
@@ -65,8 +64,7 @@ std::string outcome(int error)
     return error ? " = -1 " + errno_name(error) : " = 0";
 }
 
-// The record's fields; or text, which is how mount(8) and busybox hand
-// their options to a file system they do not know.
+// The record's fields, or text: what mount(8) hands a type it does not know.
 std::string data_text(const std::optional<record_bytes>& d)
 {
     const char* text = d ? reinterpret_cast<const char*>(d->bytes.data()) : "";
@@ -191,10 +189,7 @@ void to_json(json& j, const scene& sc)
 int exit_status(const command_end& c)
 {
     int ws = c.wait_status;
-    return c.timed_out ? EXIT_TIMED_OUT
-           : WIFEXITED(ws) ? WEXITSTATUS(ws)
-           : WIFSIGNALED(ws) ? 128 + WTERMSIG(ws)
-                             : EXIT_SANDBOX_FAILED;
+    return c.timed_out ? EXIT_TIMED_OUT : WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws);
 }
 
 void to_json(json& j, const command_end& c)
@@ -219,15 +214,13 @@ void to_json(json& j, const run_record& run)
          {"control", control ? json(*control) : json(nullptr)}, {"tool_runs", run.tool_runs}};
 }
 
-void report(const run_record& run, bool quiet, int json_fd)
+void report(const run_record& run, bool quiet, int json_fd, const std::string& json_path)
 {
     if (!quiet)
         print_report(run);
-    if (json_fd < 0)
-        return;
-    std::string text = json(run).dump(2, ' ', false, json::error_handler_t::replace) + "\n";
-    if (write(json_fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()) || close(json_fd) != 0)
-        complain("cannot write the JSON report: %s", strerror(errno));
+    std::string text = json_fd < 0 ? "" : json(run).dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+    if (json_fd >= 0 && write(json_fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        cannot("write the JSON report to", json_path);
 }
 
 }  // namespace sandbox
