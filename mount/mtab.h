@@ -6,6 +6,9 @@
 // 0 when /etc/mtab is a symbolic link: then there is no lock and no entry.
 extern int mtab_in_use;
 
+// Opens a closed standard descriptor on /dev/null, so that nothing printed
+// can reach a file opened later: the table, its lock or the switch.
+void open_standard_fds();
 // Opens and locks the table, or exits with status 1 saying nothing.
 void mtab_lock();
 // Removes the lock if this process took it; also runs at exit.
