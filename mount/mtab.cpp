@@ -30,6 +30,8 @@ constexpr int MTAB_FAILED = 1;
 std::FILE* mtab;
 pid_t lock_owner;
 char options[4096];
+// The caller's signal mask, back in force once the lock is gone.
+sigset_t caller_mask;
 
 void unlock_at_exit(int /*status*/, void* /*arg*/)
 {
@@ -72,13 +74,22 @@ void mtab_lock()
         std::exit(MTAB_FAILED);
     close(fd);
 
+    // A signal that arrives while we hold the lock (a caller's TERM or
+    // alarm, a broken pipe on stderr, a stop for a background write) waits
+    // until mtab_unlock has removed it. Faults still kill at once. While
+    // someone else's lock makes us wait, signals reach us as they always did.
     // On giving up, the temporary stays behind.
+    sigset_t held;
+    sigfillset(&held);
+    sigprocmask(SIG_BLOCK, &held, &caller_mask);
     for (int retries = 0; link(temp, MTAB_LOCK_PATH) != 0; ++retries) {
         if (errno != EEXIST)
             std::exit(MTAB_FAILED);
+        sigprocmask(SIG_SETMASK, &caller_mask, nullptr);
         sleep(MTAB_LINK_WAIT_SECONDS);
         if (retries == MTAB_LINK_RETRIES)
             std::exit(MTAB_FAILED);
+        sigprocmask(SIG_BLOCK, &held, nullptr);
     }
     lock_owner = getpid();
     unlink(temp);
@@ -99,6 +110,12 @@ void mtab_unlock()
         return;
     unlink(MTAB_LOCK_PATH);
     lock_owner = 0;
+    // The held-back signals take effect here, but for SIGXFSZ: the write it
+    // stands for has already failed, and ignoring a signal discards it. The
+    // configuration tool then starts with the caller's mask and dispositions.
+    void (*const caller_xfsz)(int) = std::signal(SIGXFSZ, SIG_IGN);
+    sigprocmask(SIG_SETMASK, &caller_mask, nullptr);
+    std::signal(SIGXFSZ, caller_xfsz);
 }
 
 void mtab_options(const char** out, int& /*mount_flags*/, std::uint64_t mask)

@@ -3,6 +3,7 @@
 // it may cost the mount table, its lock, or the order of the steps.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,45 @@ TEST_F(CallerE2eTest, ClosedStandardInputStillTurnsTheSwitchOn)
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.report.at("mtab").at("content"), OLD + CLUSTER);
     EXPECT_EQ(r.report.at("control").at("content"), "on");
+}
+
+TEST_F(CallerE2eTest, BrokenPipeOnStandardErrorLeavesNoLock)
+{
+    // A FIFO whose one reader is closed once the helper's stderr is open on it.
+    const sandbox_result r = run_script({"--mount-errno", "EBUSY", "--mtab-content", OLD},
+                                        "mkfifo /etc/p; exec 3<>/etc/p 2>/etc/p 3<&-; "
+                                        "exec \"$0\" -o cluster");
+    EXPECT_EQ(r.report.at("mounts").size(), 1u) << r.err;
+    EXPECT_EQ(r.report.at("mtab").at("content"), OLD);
+    EXPECT_EQ(r.report.at("lock_files"), json::array());
+}
+
+// A TERM that comes while the lock is held ends the helper once the lock is
+// gone. The sandbox never answers a held mount call, so there the blocked
+// signals are read instead; the end is seen with the failed mount's message
+// stuck in a full pipe, the lock still held.
+TEST_F(CallerE2eTest, TermWhileTheLockIsHeldWaitsForItsRemoval)
+{
+    const sandbox_result held = run_script(
+        {"--hold-mount"}, "\"$0\" -o cluster & pid=$!; "
+                          "while [ ! -e /dev/.odm-sandbox/held.$pid ]; do sleep 0.01; done; "
+                          "sed -n 's/^SigBlk:\\t//p' /proc/$pid/status");
+    unsigned long long wanted = 0;
+    for (int sig : {SIGTERM, SIGALRM, SIGPIPE, SIGXFSZ, SIGTTOU, SIGTSTP, SIGUSR1, SIGUSR2,
+                    SIGVTALRM, SIGPROF})
+        wanted |= 1ULL << (sig - 1);
+    EXPECT_EQ(std::stoull(held.out, nullptr, 16) & wanted, wanted) << held.out;
+
+    const sandbox_result r = run_script(
+        {"--mount-errno", "EBUSY", "--mtab-content", OLD},
+        "mkfifo /etc/p; exec 3<>/etc/p; "
+        "dd if=/dev/zero of=/etc/p bs=4096 oflag=nonblock 2>/dev/null; "
+        "\"$0\" -o cluster 2>&3 & pid=$!; "
+        "until grep -q '^1 0x2 ' /proc/$pid/syscall; do sleep 0.01; done; "
+        "kill -TERM $pid; dd bs=4096 count=1 <&3 >/dev/null 2>&1; wait $pid; echo $?");
+    EXPECT_EQ(r.out, "143\n") << r.err;
+    EXPECT_EQ(r.report.at("mtab").at("content"), OLD);
+    EXPECT_EQ(r.report.at("lock_files"), json::array());
 }
 
 }  // namespace
