@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <mntent.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -95,6 +96,15 @@ void mtab_lock()
     unlink(temp);
     std::fseek(mtab, 0, SEEK_END);
 
+    // A caller's file-size limit must not cut the entry short: we take the
+    // largest we may (none, as root). A write that still goes past it fails,
+    // SIGXFSZ being held back, and mtab_unlock drops that signal.
+    rlimit limit{RLIM_INFINITY, RLIM_INFINITY};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0 && getrlimit(RLIMIT_FSIZE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+
     // From here on a terminal must not leave the lock behind. These stay
     // ignored for the configuration tool too.
     std::signal(SIGHUP, SIG_IGN);
@@ -160,10 +170,15 @@ void mtab_add(int mount_result)
     mntent entry{const_cast<char*>(MOUNT_SOURCE), const_cast<char*>(MOUNT_POINT),
                  const_cast<char*>(MOUNT_TYPE), options, 0, 0};
     std::fseek(mtab, 0, SEEK_END);
+    const off_t length = ftello(mtab);
+    const int added = addmntent(mtab, &entry);
+    // The line mostly reaches the file as the stream closes. Cut short (a
+    // full disk, a file-size limit), it is taken back whole, never left torn.
+    if (std::fclose(mtab) != 0 || added != 0)
+        truncate(MTAB_PATH, length);
     // glibc reports a failed append as 1, which passes here on purpose:
     // only a negative result has ever counted as failure.
-    if (addmntent(mtab, &entry) < 0)
+    if (added < 0)
         std::exit(MTAB_FAILED);
-    std::fclose(mtab);
     mtab_unlock();
 }

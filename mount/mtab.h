@@ -19,4 +19,5 @@ void mtab_unlock();
 // left as it is: the words never change how the kernel mounts.
 void mtab_options(const char** out, int& mount_flags, std::uint64_t mask);
 // Appends the entry after a successful mount; closes the table either way.
+// An append that fails leaves the table as long as it was.
 void mtab_add(int mount_result);

@@ -3,6 +3,7 @@
 // it may cost the mount table, its lock, or the order of the steps.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <string>
 #include <vector>
@@ -43,6 +44,40 @@ TEST_F(CallerE2eTest, ClosedStandardInputStillTurnsTheSwitchOn)
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.report.at("mtab").at("content"), OLD + CLUSTER);
     EXPECT_EQ(r.report.at("control").at("content"), "on");
+}
+
+// Root may lift a caller's limit and so gets the whole entry; anyone else
+// gets the table as it was. A full file system takes the line back too.
+TEST_F(CallerE2eTest, AnAppendThatFailsLeavesTheTableWholeAndUnlocked)
+{
+    std::string table;  // 40 lines of 25 bytes
+    for (int i = 10; i < 50; ++i)
+        table += "none /mnt/" + std::to_string(i) + " none rw 0 0\n";
+    ASSERT_EQ(table.size(), 1000u);
+    // One page, 6 bytes short of full: the entry's first 6 bytes fit.
+    const std::string page = table + table + table + table + std::string(89, '#') + "\n";
+    const struct {
+        std::string table, setup;
+        bool may_grow;
+    } cases[] = {
+        {OLD, "ulimit -f 0;", true},
+        {table, "ulimit -f 2;", true},  // 1,024 bytes: the line would stop at 24
+        {page, "mkdir /etc/small; mount -n -t tmpfs -o size=4k none /etc/small; "
+               "cat /etc/mtab >/etc/small/mtab; mount -n --bind /etc/small/mtab /etc/mtab;", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.setup);
+        const sandbox_result r =
+            run_script({"--mtab-content", c.table}, c.setup + "exec \"$0\" -o cluster");
+        const json& mounts = r.report.at("mounts");
+        EXPECT_EQ(std::count_if(mounts.begin(), mounts.end(),
+                                [](const json& m) { return m.at("type") == "qeodmfs"; }),
+                  1)
+            << r.err;
+        const json& content = r.report.at("mtab").at("content");
+        EXPECT_TRUE(content == c.table || (c.may_grow && content == c.table + CLUSTER)) << content;
+        EXPECT_EQ(r.report.at("lock_files"), json::array());
+    }
 }
 
 TEST_F(CallerE2eTest, BrokenPipeOnStandardErrorLeavesNoLock)
