@@ -119,4 +119,23 @@ TEST_F(CallerE2eTest, TermWhileTheLockIsHeldWaitsForItsRemoval)
     EXPECT_EQ(r.report.at("lock_files"), json::array());
 }
 
+// The caller's own child ends while the tool still runs, and must not be
+// taken for it. The tool reports how it started and what the switch held.
+TEST_F(CallerE2eTest, TheSwitchWaitsForTheToolWhateverChildrenTheCallerLeft)
+{
+    const sandbox_result r = run_script({}, R"sh(mkdir -p /opt/KELD/bin
+cat >/opt/KELD/bin/tolvane <<'EOF'
+#!/bin/sh
+sleep 1
+grep -E '^Sig(Blk|Ign)' /proc/$$/status
+echo "switch: $(cat /dev/odm/cluster)"
+EOF
+chmod 755 /opt/KELD/bin/tolvane
+sleep 0.3 & exec "$0" -o cluster)sh");
+    EXPECT_EQ(r.status, 0) << r.err;
+    // Only the terminal signals ignored: those and nothing else, as always.
+    EXPECT_EQ(r.out, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000007\nswitch: \n");
+    EXPECT_EQ(r.report.at("control").at("content"), "on");
+}
+
 }  // namespace
