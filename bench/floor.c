@@ -50,11 +50,37 @@ static void unlock_at_exit(int status, void *arg)
     unlock();
 }
 
-int main(int argc, char **argv)
+static int open_standard_fds(void)
 {
     for (int fd = 0; fd <= 2; ++fd)
         if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) != fd)
-            return 1;
+            return -1;
+    return 0;
+}
+
+static void raise_file_limit(void)
+{
+    struct rlimit limit = {RLIM_INFINITY, RLIM_INFINITY};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0 && getrlimit(RLIMIT_FSIZE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+}
+
+static int add_entry(FILE *mtab, const struct mntent *entry)
+{
+    fseek(mtab, 0, SEEK_END);
+    off_t length = ftello(mtab);
+    int added = addmntent(mtab, entry);
+    if (fclose(mtab) != 0 || added != 0)
+        truncate("/etc/mtab", length);
+    return added;
+}
+
+int main(int argc, char **argv)
+{
+    if (open_standard_fds() != 0)
+        return 1;
     uint64_t mask = 0;
     int c;
     while ((c = getopt(argc, argv, "?t:ho:vrnL")) != -1) {
@@ -91,11 +117,7 @@ int main(int argc, char **argv)
     lock_owner = getpid();
     unlink(temp);
     fseek(mtab, 0, SEEK_END);
-    struct rlimit limit = {RLIM_INFINITY, RLIM_INFINITY};
-    if (setrlimit(RLIMIT_FSIZE, &limit) != 0 && getrlimit(RLIMIT_FSIZE, &limit) == 0) {
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
+    raise_file_limit();
     signal(SIGHUP, SIG_IGN);
     signal(SIGQUIT, SIG_IGN);
     signal(SIGINT, SIG_IGN);
@@ -112,12 +134,7 @@ int main(int argc, char **argv)
         return 255;
 
     struct mntent entry = {"none", "/dev/odm", "qeodmfs", options, 0, 0};
-    fseek(mtab, 0, SEEK_END);
-    off_t length = ftello(mtab);
-    int added = addmntent(mtab, &entry);
-    if (fclose(mtab) != 0 || added != 0)
-        truncate("/etc/mtab", length);
-    if (added < 0)
+    if (add_entry(mtab, &entry) < 0)
         return 1;
     unlock();
 
