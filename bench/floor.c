@@ -72,8 +72,8 @@ static int add_entry(FILE *mtab, const struct mntent *entry)
     fseek(mtab, 0, SEEK_END);
     off_t length = ftello(mtab);
     int added = addmntent(mtab, entry);
-    if (fclose(mtab) != 0 || added != 0)
-        truncate("/etc/mtab", length);
+    if ((fclose(mtab) != 0 || added != 0) && truncate("/etc/mtab", length) != 0)
+        return added;
     return added;
 }
 

@@ -174,8 +174,11 @@ void mtab_add(int mount_result)
     const int added = addmntent(mtab, &entry);
     // The line mostly reaches the file as the stream closes. Cut short (a
     // full disk, a file-size limit), it is taken back whole, never left torn.
-    if (std::fclose(mtab) != 0 || added != 0)
-        truncate(MTAB_PATH, length);
+    if (std::fclose(mtab) != 0 || added != 0) {
+        if (truncate(MTAB_PATH, length) != 0) {
+            // Nothing is left to try; the run goes on as after any failed entry.
+        }
+    }
     // glibc reports a failed append as 1, which passes here on purpose:
     // only a negative result has ever counted as failure.
     if (added < 0)
