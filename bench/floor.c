@@ -70,7 +70,8 @@ static void raise_file_limit(void)
 static int add_entry(FILE *mtab, const struct mntent *entry)
 {
     fseek(mtab, 0, SEEK_END);
-    off_t length = ftello(mtab);
+    struct stat st;
+    off_t length = stat("/etc/mtab", &st) == 0 ? st.st_size : -1;
     int added = addmntent(mtab, entry);
     if ((fclose(mtab) != 0 || added != 0) && truncate("/etc/mtab", length) != 0)
         return added;

@@ -170,7 +170,10 @@ void mtab_add(int mount_result)
     mntent entry{const_cast<char*>(MOUNT_SOURCE), const_cast<char*>(MOUNT_POINT),
                  const_cast<char*>(MOUNT_TYPE), options, 0, 0};
     std::fseek(mtab, 0, SEEK_END);
-    const off_t length = ftello(mtab);
+    // Its length under our lock, from stat: bound at every start, as every
+    // import is, ftello would cost even -L.
+    struct stat st;
+    const off_t length = stat(MTAB_PATH, &st) == 0 ? st.st_size : -1;
     const int added = addmntent(mtab, &entry);
     // The line mostly reaches the file as the stream closes. Cut short (a
     // full disk, a file-size limit), it is taken back whole, never left torn.
