@@ -122,7 +122,8 @@ void mtab_unlock()
     lock_owner = 0;
     // The held-back signals take effect here, but for SIGXFSZ: the write it
     // stands for has already failed, and ignoring a signal discards it. The
-    // configuration tool then starts with the caller's mask and dispositions.
+    // configuration tool then starts with the mask and dispositions it
+    // always had.
     void (*const caller_xfsz)(int) = std::signal(SIGXFSZ, SIG_IGN);
     sigprocmask(SIG_SETMASK, &caller_mask, nullptr);
     std::signal(SIGXFSZ, caller_xfsz);
@@ -170,8 +171,8 @@ void mtab_add(int mount_result)
     mntent entry{const_cast<char*>(MOUNT_SOURCE), const_cast<char*>(MOUNT_POINT),
                  const_cast<char*>(MOUNT_TYPE), options, 0, 0};
     std::fseek(mtab, 0, SEEK_END);
-    // Its length under our lock, from stat: bound at every start, as every
-    // import is, ftello would cost even -L.
+    // The length to take a torn line back to. stat rather than ftello: every
+    // import is bound at start, even for -L, and stat is one already.
     struct stat st;
     const off_t length = stat(MTAB_PATH, &st) == 0 ? st.st_size : -1;
     const int added = addmntent(mtab, &entry);
