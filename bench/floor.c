@@ -3,6 +3,7 @@
  * from running on after a failure. Like the helper it takes /etc/mtab~ and
  * mounts on /dev/odm, so it is only ever run inside odm-sandbox. */
 #define _GNU_SOURCE
+#include <errno.h>
 #include <fcntl.h>
 #include <mntent.h>
 #include <signal.h>
@@ -10,6 +11,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -28,17 +30,58 @@ struct odm_mount_args {
 };
 
 static pid_t lock_owner;
+static sigset_t caller_mask;
+
+static void unlock(void)
+{
+    if (getpid() != lock_owner)
+        return;
+    unlink("/etc/mtab~");
+    lock_owner = 0;
+    void (*caller_xfsz)(int) = signal(SIGXFSZ, SIG_IGN);
+    sigprocmask(SIG_SETMASK, &caller_mask, NULL);
+    signal(SIGXFSZ, caller_xfsz);
+}
 
 static void unlock_at_exit(int status, void *arg)
 {
     (void)status;
     (void)arg;
-    if (getpid() == lock_owner)
-        unlink("/etc/mtab~");
+    unlock();
+}
+
+static int open_standard_fds(void)
+{
+    for (int fd = 0; fd <= 2; ++fd)
+        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) != fd)
+            return -1;
+    return 0;
+}
+
+static void raise_file_limit(void)
+{
+    struct rlimit limit = {RLIM_INFINITY, RLIM_INFINITY};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0 && getrlimit(RLIMIT_FSIZE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+}
+
+static int add_entry(FILE *mtab, const struct mntent *entry)
+{
+    fseek(mtab, 0, SEEK_END);
+    struct stat st;
+    off_t length = stat("/etc/mtab", &st) == 0 ? st.st_size : -1;
+    int added = addmntent(mtab, entry);
+    if ((fclose(mtab) != 0 || added != 0) && truncate("/etc/mtab", length) != 0)
+        return added;
+    return added;
 }
 
 int main(int argc, char **argv)
 {
+    if (open_standard_fds() != 0)
+        return 1;
     uint64_t mask = 0;
     int c;
     while ((c = getopt(argc, argv, "?t:ho:vrnL")) != -1) {
@@ -67,11 +110,15 @@ int main(int argc, char **argv)
     if (fd < 0)
         return 1;
     close(fd);
+    sigset_t held;
+    sigfillset(&held);
+    sigprocmask(SIG_BLOCK, &held, &caller_mask);
     if (link(temp, "/etc/mtab~") != 0)
         return 1;
     lock_owner = getpid();
     unlink(temp);
     fseek(mtab, 0, SEEK_END);
+    raise_file_limit();
     signal(SIGHUP, SIG_IGN);
     signal(SIGQUIT, SIG_IGN);
     signal(SIGINT, SIG_IGN);
@@ -88,12 +135,9 @@ int main(int argc, char **argv)
         return 255;
 
     struct mntent entry = {"none", "/dev/odm", "qeodmfs", options, 0, 0};
-    fseek(mtab, 0, SEEK_END);
-    if (addmntent(mtab, &entry) < 0)
+    if (add_entry(mtab, &entry) < 0)
         return 1;
-    fclose(mtab);
-    if (getpid() == lock_owner)
-        unlink("/etc/mtab~");
+    unlock();
 
     if (stat("/opt/KELD/bin/tolvane", &st) == 0) {
         pid_t pid = fork();
@@ -102,7 +146,8 @@ int main(int argc, char **argv)
             _exit(127);
         }
         if (pid > 0)
-            wait(NULL);
+            while (waitpid(pid, NULL, 0) < 0 && errno == EINTR) {
+            }
     }
 
     char path[4096];

@@ -13,6 +13,8 @@
 
 int main(int argc, char** argv)
 {
+    // Before anything is opened: a caller may have closed any of 0, 1 and 2.
+    open_standard_fds();
     prog_name = argv[0];
     check_table();
     const std::uint64_t mask = parse_args(argc, argv);

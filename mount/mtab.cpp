@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <mntent.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,6 +31,8 @@ constexpr int MTAB_FAILED = 1;
 std::FILE* mtab;
 pid_t lock_owner;
 char options[4096];
+// The caller's signal mask, back in force once the lock is gone.
+sigset_t caller_mask;
 
 void unlock_at_exit(int /*status*/, void* /*arg*/)
 {
@@ -37,6 +40,16 @@ void unlock_at_exit(int /*status*/, void* /*arg*/)
 }
 
 }  // namespace
+
+void open_standard_fds()
+{
+    // open takes the lowest free number: the closed one. Without /dev/null
+    // the table itself could land there, so the run ends before it starts.
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) != fd)
+            std::exit(MTAB_FAILED);
+    }
+}
 
 void mtab_lock()
 {
@@ -62,17 +75,35 @@ void mtab_lock()
         std::exit(MTAB_FAILED);
     close(fd);
 
+    // A signal that arrives while we hold the lock (a caller's TERM or
+    // alarm, a broken pipe on stderr, a stop for a background write) waits
+    // until mtab_unlock has removed it. Faults still kill at once. While
+    // someone else's lock makes us wait, signals reach us as they always did.
     // On giving up, the temporary stays behind.
+    sigset_t held;
+    sigfillset(&held);
+    sigprocmask(SIG_BLOCK, &held, &caller_mask);
     for (int retries = 0; link(temp, MTAB_LOCK_PATH) != 0; ++retries) {
         if (errno != EEXIST)
             std::exit(MTAB_FAILED);
+        sigprocmask(SIG_SETMASK, &caller_mask, nullptr);
         sleep(MTAB_LINK_WAIT_SECONDS);
         if (retries == MTAB_LINK_RETRIES)
             std::exit(MTAB_FAILED);
+        sigprocmask(SIG_BLOCK, &held, nullptr);
     }
     lock_owner = getpid();
     unlink(temp);
     std::fseek(mtab, 0, SEEK_END);
+
+    // A caller's file-size limit must not cut the entry short: we take the
+    // largest we may (none, as root). A write that still goes past it fails,
+    // SIGXFSZ being held back, and mtab_unlock drops that signal.
+    rlimit limit{RLIM_INFINITY, RLIM_INFINITY};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0 && getrlimit(RLIMIT_FSIZE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
 
     // From here on a terminal must not leave the lock behind. These stay
     // ignored for the configuration tool too.
@@ -89,6 +120,13 @@ void mtab_unlock()
         return;
     unlink(MTAB_LOCK_PATH);
     lock_owner = 0;
+    // The held-back signals take effect here, but for SIGXFSZ: the write it
+    // stands for has already failed, and ignoring a signal discards it. The
+    // configuration tool then starts with the mask and dispositions it
+    // always had.
+    void (*const caller_xfsz)(int) = std::signal(SIGXFSZ, SIG_IGN);
+    sigprocmask(SIG_SETMASK, &caller_mask, nullptr);
+    std::signal(SIGXFSZ, caller_xfsz);
 }
 
 void mtab_options(const char** out, int& /*mount_flags*/, std::uint64_t mask)
@@ -133,10 +171,21 @@ void mtab_add(int mount_result)
     mntent entry{const_cast<char*>(MOUNT_SOURCE), const_cast<char*>(MOUNT_POINT),
                  const_cast<char*>(MOUNT_TYPE), options, 0, 0};
     std::fseek(mtab, 0, SEEK_END);
+    // The length to take a torn line back to. stat rather than ftello: every
+    // import is bound at start, even for -L, and stat is one already.
+    struct stat st;
+    const off_t length = stat(MTAB_PATH, &st) == 0 ? st.st_size : -1;
+    const int added = addmntent(mtab, &entry);
+    // The line mostly reaches the file as the stream closes. Cut short (a
+    // full disk, a file-size limit), it is taken back whole, never left torn.
+    if (std::fclose(mtab) != 0 || added != 0) {
+        if (truncate(MTAB_PATH, length) != 0) {
+            // Nothing is left to try; the run goes on as after any failed entry.
+        }
+    }
     // glibc reports a failed append as 1, which passes here on purpose:
     // only a negative result has ever counted as failure.
-    if (addmntent(mtab, &entry) < 0)
+    if (added < 0)
         std::exit(MTAB_FAILED);
-    std::fclose(mtab);
     mtab_unlock();
 }

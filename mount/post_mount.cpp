@@ -28,7 +28,9 @@ void run_readconfig()
         return;
     }
     if (pid > 0) {
-        wait(nullptr);
+        // That child alone: the caller may have left others to us.
+        while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
         return;
     }
     execl(TOOL_PATH, TOOL_PATH, "readconfig", static_cast<char*>(nullptr));

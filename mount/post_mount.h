@@ -2,7 +2,7 @@
 #pragma once
 
 // Runs the configuration tool with "readconfig", if it is installed, and
-// waits for it. Its outcome does not matter to the mount.
+// waits for that child alone. Its outcome does not matter to the mount.
 void run_readconfig();
 // Writes "on" to <dir>/cluster. Returns 0, or errno as it stands after the
 // warning has been printed.

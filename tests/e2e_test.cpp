@@ -93,9 +93,6 @@ TEST_F(E2eTest, Runs)
         // The child whose exec failed writes the switch too.
         {{"--tolvane-noexec"}, "", {"-o", "cluster"}, "", "", RECORD_2, CLUSTER, 1, 0, 0,
          0, 0, 2, true},
-        // The control file may get descriptor 0.
-        {{}, "exec <&-;", {"-o", "cluster"}, "", "", RECORD_2, CLUSTER, 1, 0, 0, 0, 0, 1,
-         true},
         // Killed waiting for someone else's lock: the temporary stays, only
         // its owner may read or write it.
         {{"--mtab-lock"},
