@@ -68,7 +68,7 @@ constexpr option_row OPTIONS[] = {
      [](options& o, const char* a) { o.sc.mount_errno = parse_errno(a); }},
     {"fork-errno", 0, "NAME", "every new process under COMMAND fails with errno NAME; threads do not",
      [](options& o, const char* a) { o.sc.fork_errno = parse_errno(a); }},
-    {"hold-mount", 0, nullptr, "no qeodmfs mount is answered; /dev/.odm-sandbox/held.PID tells one has come",
+    {"hold-mount", 0, nullptr, "a qeodmfs mount waits for its caller's STOP and CONT; /dev/.odm-sandbox/held.PID tells it came",
      [](options& o, const char*) { o.sc.hold_mount = true; }},
     {"helper", 0, "FILE", "FILE is copied to /sbin/mount.qeodmfs, where mount(8) looks for it",
      [](options& o, const char* a) { o.sc.helper = a; }},

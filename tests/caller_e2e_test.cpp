@@ -96,21 +96,26 @@ TEST_F(CallerE2eTest, AnAppendThatFailsLeavesTheTableWholeAndUnlocked)
 }
 
 // Signals that come while the lock is held take effect once it is gone.
-// The sandbox never answers a held mount call, so there the blocked signals
-// are read instead. The end is seen when a failed mount's message meets a
-// FIFO whose reader has gone, and when TERM comes as the message is stuck
-// in a full one.
+// TERM comes while the helper sits in mount(2), whose held call the stop
+// and continue let through; then as a failed mount's message meets a FIFO
+// whose reader has gone, or is stuck in a full one.
 TEST_F(CallerE2eTest, SignalsWhileTheLockIsHeldWaitForItsRemoval)
 {
     const sandbox_result held = run_script(
-        {"--hold-mount"}, "\"$0\" -o cluster & pid=$!; "
-                          "while [ ! -e /dev/.odm-sandbox/held.$pid ]; do sleep 0.01; done; "
-                          "sed -n 's/^SigBlk:\\t//p' /proc/$pid/status");
+        {"--hold-mount", "--mtab-content", OLD},
+        "\"$0\" -o cluster & pid=$!; "
+        "while [ ! -e /dev/.odm-sandbox/held.$pid ]; do sleep 0.01; done; "
+        "sed -n 's/^SigBlk:\\t//p' /proc/$pid/status; "
+        "kill -TERM $pid; kill -STOP $pid; kill -CONT $pid; wait $pid; echo $?");
     unsigned long long wanted = 0;
     for (int sig : {SIGTERM, SIGALRM, SIGPIPE, SIGXFSZ, SIGTTOU, SIGTSTP, SIGUSR1, SIGUSR2,
                     SIGVTALRM, SIGPROF})
         wanted |= 1ULL << (sig - 1);
     EXPECT_EQ(std::stoull(held.out, nullptr, 16) & wanted, wanted) << held.out;
+    EXPECT_EQ(held.out.substr(held.out.find('\n') + 1), "143\n") << held.err;
+    EXPECT_EQ(held.report.at("mounts").size(), 2u);
+    EXPECT_EQ(held.report.at("mtab").at("content"), OLD + CLUSTER);
+    EXPECT_EQ(held.report.at("lock_files"), json::array());
 
     const struct {
         std::string script, out;
