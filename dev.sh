@@ -184,19 +184,33 @@ repro() {
     rm -rf build/repro
 }
 
+# Seconds of processor time that this shell's finished children took.
+cpu_seconds() {
+    times >"$times_file"
+    awk 'NR == 2 { split($1, u, /[ms]/); split($2, s, /[ms]/)
+                   printf "%d", u[1] * 60 + u[2] + s[1] * 60 + s[2] }' "$times_file"
+}
+
+installed_packages() {
+    dpkg-query -W -f='${db:Status-Abbrev}\n' 2>/dev/null | grep -c '^ii' || true
+}
+
 # step NAME COMMAND...: runs one step of ./dev.sh fresh, says how long it
-# took and how many Debian packages it added, and names it if it fails.
+# took, in wall and processor time (a busy machine stretches the first
+# alone), and how many Debian packages it added, and names it if it fails.
 step() {
     name=$1
     shift
     echo "=== fresh: $name"
-    before=$(dpkg-query -W -f='${db:Status-Abbrev}\n' 2>/dev/null | grep -c '^ii' || true)
+    before=$(installed_packages)
     start=$(date +%s)
+    cpu_start=$(cpu_seconds)
     status=0
     "$@" || status=$?
     secs=$(($(date +%s) - start))
-    added=$(($(dpkg-query -W -f='${db:Status-Abbrev}\n' 2>/dev/null | grep -c '^ii' || true) - before))
-    line=$(printf '%5d s  %+5d packages  %s' "$secs" "$added" "$name")
+    cpu=$(($(cpu_seconds) - cpu_start))
+    added=$(($(installed_packages) - before))
+    line=$(printf '%5d s  %5d s cpu  %+4d packages  %s' "$secs" "$cpu" "$added" "$name")
     if [ "$status" -ne 0 ]; then
         echo "dev.sh fresh: FAILED at step \"$name\" (exit $status, after $secs s)" >&2
         exit 1
@@ -229,9 +243,10 @@ fresh() {
     # left behind is plain files.
     rm -rf --one-file-system "$root" "$summary"
     mkdir -p "$root" "$FRESH_CACHE"
-    trap 'rm -rf --one-file-system "$root"' EXIT
+    trap 'rm -rf --one-file-system "$root" "$PWD/build/fresh.times"' EXIT
     trap 'exit 130' INT TERM HUP
     : >"$summary"
+    times_file=$PWD/build/fresh.times
 
     base=$FRESH_CACHE/bookworm-apt.tar
     if [ ! -s "$base" ]; then
@@ -278,6 +293,7 @@ fresh_root() {
     # The summary lives on in the host's file through an open descriptor.
     exec 3>>"$summary_host"
     summary=/proc/self/fd/3
+    times_file=/tmp/fresh.times  # /tmp of the root, from here on
     # The base system has no umount(8) yet: the host's, from the old root.
     umount=/.host$(command -v umount)
     cd "$root"
