@@ -184,11 +184,12 @@ repro() {
     rm -rf build/repro
 }
 
-# Seconds of processor time that this shell's finished children took.
+# Seconds of processor time that this shell's finished children took. Not
+# in a command substitution, whose subshell has no children of its own yet.
 cpu_seconds() {
     times >"$times_file"
-    awk 'NR == 2 { split($1, u, /[ms]/); split($2, s, /[ms]/)
-                   printf "%d", u[1] * 60 + u[2] + s[1] * 60 + s[2] }' "$times_file"
+    cpu=$(awk 'NR == 2 { split($1, u, /[ms]/); split($2, s, /[ms]/)
+                         printf "%d", u[1] * 60 + u[2] + s[1] * 60 + s[2] }' "$times_file")
 }
 
 installed_packages() {
@@ -204,11 +205,13 @@ step() {
     echo "=== fresh: $name"
     before=$(installed_packages)
     start=$(date +%s)
-    cpu_start=$(cpu_seconds)
+    cpu_seconds
+    cpu_start=$cpu
     status=0
     "$@" || status=$?
     secs=$(($(date +%s) - start))
-    cpu=$(($(cpu_seconds) - cpu_start))
+    cpu_seconds
+    cpu=$((cpu - cpu_start))
     added=$(($(installed_packages) - before))
     line=$(printf '%5d s  %5d s cpu  %+4d packages  %s' "$secs" "$cpu" "$added" "$name")
     if [ "$status" -ne 0 ]; then
