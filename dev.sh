@@ -328,10 +328,13 @@ fresh_root() {
 # Steps run as the condition of an if, where set -e does not hold: each
 # command of these is chained to the next.
 
-# Runs a command in /src as the user odm, who owns it all by then.
+# Runs a command in /src as the user odm, who owns it for that time: git
+# refuses a repository that someone else owns, and root runs git later.
 as_user() {
     chown -R odm:odm /src &&
         setpriv --reuid=odm --regid=odm --init-groups env HOME=/home/odm USER=odm LOGNAME=odm "$@"
+    user_status=$?
+    chown -R root:root /src && return $user_status
 }
 
 install_package() {
