@@ -45,6 +45,7 @@ results=$work/results
 measure() {
     name=$1 where=$2 label=$3
     shift 3
+    echo "bench: $label" >&2
     run=clean
     [ "$where" = sandbox ] && run=in_sandbox
 
@@ -112,7 +113,7 @@ function thousands(n,    s) {
     while (length(n) > 3) { s = "," substr(n, length(n) - 2) s; n = substr(n, 1, length(n) - 3) }
     return n s
 }
-function verdict(r, limit) { return r == "-" ? "not measured" : (r + 0 <= limit ? "holds" : "MISSED") }
+function verdict(r, limit) { return r == "-" ? "not measured" : (r + 0 <= limit ? "held" : "MISSED") }
 { name[NR] = $1; label[NR] = $2; ir[NR] = $3; rss[NR] = $4; wall[NR] = $5; row[$1] = NR }
 END {
     t = ir[row["true"]]
@@ -126,11 +127,14 @@ END {
     printf "wall time: %d runs after 20 warm-up runs; in the sandbox it includes the\n", runs
     printf "trapped mount(2), and for -o cluster the emulated module and the tool run\n\n"
 
+    # The budget, for the hardened build that binds every import at start.
     l = ratio(ir[row["leave"]], t)
     f = ("full" in row) ? ratio(ir[row["full"]], t) : "-"
+    ff = ("full" in row && "floor" in row) ? ratio(ir[row["full"]], ir[row["floor"]]) : "-"
     fp = ("full" in row) ? ratio(ir[row["full"]], p) : "-"
-    printf "budget  -L          <= 1.10 x /bin/true  %6s  %s\n", l, verdict(l, 1.10)
-    printf "budget  -o cluster  <= 1.30 x /bin/true  %6s  %s\n", f, verdict(f, 1.30)
+    printf "budget  -L          <= 1.30 x /bin/true  %6s  %s\n", l, verdict(l, 1.30)
+    printf "budget  -o cluster  <= 1.40 x /bin/true  %6s  %s\n", f, verdict(f, 1.40)
+    printf "budget  -o cluster  <= 1.15 x C floor    %6s  %s\n", ff, verdict(ff, 1.15)
     printf "budget  -o cluster  <= 0.20 x peer       %6s  %s\n", fp, verdict(fp, 0.20)
-    printf "budget  NEEDED is libc.so.6 alone                %s\n", (needed == "libc.so.6") ? "holds" : "MISSED"
+    printf "budget  NEEDED is libc.so.6 alone                %s\n", (needed == "libc.so.6") ? "held" : "MISSED"
 }' "$results"

@@ -20,20 +20,22 @@ set(ODM_DEB_NAME qeodmfs-mount)
 set(ODM_DEB_DOCDIR ${CMAKE_INSTALL_DATAROOTDIR}/doc/${ODM_DEB_NAME})
 set(staging ${PROJECT_BINARY_DIR}/packaging)
 
-# What dh_strip leaves: no symbols, no compiler notes, the build ID kept.
+# What dh_strip leaves: no symbols, no compiler notes, the build ID kept;
+# and the changelog, compressed as Debian wants it. Both are made by the
+# package's own install step, so that only making a package makes them: a
+# build that makes none never strips or compresses anything.
 set(stripped ${staging}/mount.qeodmfs)
-add_custom_command(OUTPUT ${stripped}
-    COMMAND ${CMAKE_STRIP} --remove-section=.comment --remove-section=.note
-            -o ${stripped} $<TARGET_FILE:mount.qeodmfs>
-    DEPENDS mount.qeodmfs
-    VERBATIM)
 set(changelog_gz ${staging}/changelog.gz)
-add_custom_command(OUTPUT ${changelog_gz}
-    COMMAND ${CMAKE_COMMAND} -E copy ${PROJECT_SOURCE_DIR}/packaging/changelog ${staging}/changelog
-    COMMAND ${GZIP} -9nf ${staging}/changelog
-    DEPENDS ${PROJECT_SOURCE_DIR}/packaging/changelog
-    VERBATIM)
-add_custom_target(odm_deb_files ALL DEPENDS ${stripped} ${changelog_gz})
+install(CODE "
+    file(MAKE_DIRECTORY [[${staging}]])
+    execute_process(
+        COMMAND [[${CMAKE_STRIP}]] --remove-section=.comment --remove-section=.note
+                -o [[${stripped}]] [[$<TARGET_FILE:mount.qeodmfs>]]
+        COMMAND_ERROR_IS_FATAL ANY)
+    file(COPY_FILE [[${PROJECT_SOURCE_DIR}/packaging/changelog]] [[${staging}/changelog]])
+    execute_process(COMMAND [[${GZIP}]] -9nf [[${staging}/changelog]] COMMAND_ERROR_IS_FATAL ANY)"
+    COMPONENT deb
+    EXCLUDE_FROM_ALL)
 
 install(PROGRAMS ${stripped}
     DESTINATION ${CMAKE_INSTALL_SBINDIR}
