@@ -28,9 +28,27 @@ foreach(deb IN LISTS CPACK_PACKAGE_FILES)
     execute_process(COMMAND ${DPKG_DEB} --fsys-tarfile ${deb}
         OUTPUT_FILE ${work}/data.tar
         COMMAND_ERROR_IS_FATAL ANY)
-    # Without --no-recursion tar would delete everything under /opt too.
-    execute_process(COMMAND ${TAR} --delete --no-recursion -f data.tar ./opt/
+    execute_process(COMMAND ${TAR} -tf data.tar
         WORKING_DIRECTORY ${work}
+        OUTPUT_VARIABLE entries
+        COMMAND_ERROR_IS_FATAL ANY)
+    string(REPLACE "\n" ";" entries "${entries}")
+    list(REMOVE_ITEM entries ./opt/ "")
+    list(JOIN entries "\n" entries)
+    file(WRITE ${work}/entries "${entries}\n")
+    # Written anew from its own list, in its own order: GNU tar's --delete
+    # can shift the members after the one it drops and so tear the helper.
+    file(MAKE_DIRECTORY ${work}/tree)
+    execute_process(COMMAND ${TAR} -xpf ../data.tar
+        WORKING_DIRECTORY ${work}/tree
+        COMMAND_ERROR_IS_FATAL ANY)
+    set(times)
+    if(DEFINED ENV{SOURCE_DATE_EPOCH})
+        set(times --mtime=@$ENV{SOURCE_DATE_EPOCH} --clamp-mtime)
+    endif()
+    execute_process(COMMAND ${TAR} -cf ../data.tar --format=gnu --no-recursion
+            --owner=root:0 --group=root:0 ${times} -T ../entries
+        WORKING_DIRECTORY ${work}/tree
         COMMAND_ERROR_IS_FATAL ANY)
     execute_process(COMMAND ${GZIP} -9n data.tar
         WORKING_DIRECTORY ${work}
