@@ -56,7 +56,7 @@ TEST_F(SandboxTest, ModuleRefusesWhatIsNotItsRecord)
         const char* command;
         json version_and_size;  // null: no data
     } cases[] = {
-        {"busybox mount -t qeodmfs -o cluster none /dev/odm 2>/dev/null", {0x73756c63, 0x00726574}},  // "clus", "ter\0"
+        {"mount -i -t qeodmfs -o cluster none /dev/odm 2>/dev/null", {0x73756c63, 0x00726574}},  // "clus", "ter\0"
         {PROBE_PATH " 1 32", {1, 32}},
         {PROBE_PATH " 2 31", {2, 31}},
         {PROBE_PATH, nullptr},
@@ -67,15 +67,15 @@ TEST_F(SandboxTest, ModuleRefusesWhatIsNotItsRecord)
     const sandbox_result r = run_sandbox({}, {"sh", "-c", script + HELPER_PATH " -o cluster"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "EINVAL\nEINVAL\nEINVAL\n");
-    const json& mounts = r.report["mounts"];
+    const json& mounts = r.report.at("mounts");
     ASSERT_EQ(mounts.size(), std::size(cases) + 1) << r.err;
     for (std::size_t i = 0; i < std::size(cases); ++i) {
-        const json& data = mounts[i]["data"];
-        EXPECT_EQ(mounts[i]["errno"], "EINVAL") << cases[i].command;
-        EXPECT_EQ(data.is_null() ? json(nullptr) : json({data["version"], data["size"]}), cases[i].version_and_size)
+        const json& data = mounts.at(i).at("data");
+        EXPECT_EQ(mounts.at(i).at("errno"), "EINVAL") << cases[i].command;
+        EXPECT_EQ(data.is_null() ? json(nullptr) : json({data.at("version"), data.at("size")}), cases[i].version_and_size)
             << cases[i].command;
     }
-    EXPECT_EQ(mounts.back()["errno"], nullptr);
+    EXPECT_EQ(mounts.back().at("errno"), nullptr);
 }
 
 // What a user tries first: mount(8), umount(8) and mount(8) again, with the
@@ -86,15 +86,15 @@ TEST_F(SandboxTest, MountUnmountAndMountAgain)
         run_sandbox({"--helper", HELPER_PATH}, {"sh", "-c", "mount -t qeodmfs -o cluster none /dev/odm && umount /dev/odm && "
                                                             "! mountpoint -q /dev/odm && mount -t qeodmfs none /dev/odm"});
     EXPECT_EQ(r.status, 0) << r.err;
-    const json& mounts = r.report["mounts"];
-    const json& unmounts = r.report["unmounts"];
+    const json& mounts = r.report.at("mounts");
+    const json& unmounts = r.report.at("unmounts");
     ASSERT_EQ(mounts.size(), 2u) << r.err;
     ASSERT_EQ(unmounts.size(), 1u) << r.err;
-    EXPECT_EQ(unmounts[0]["handled_by"], "module");
-    EXPECT_EQ(unmounts[0]["errno"], nullptr);
-    EXPECT_LT(mounts[0]["time"], unmounts[0]["time"]);
-    EXPECT_LT(unmounts[0]["time"], mounts[1]["time"]);
-    EXPECT_EQ(r.report["control"]["content"], "on");
+    EXPECT_EQ(unmounts.at(0).at("handled_by"), "module");
+    EXPECT_EQ(unmounts.at(0).at("errno"), nullptr);
+    EXPECT_LT(mounts.at(0).at("time"), unmounts.at(0).at("time"));
+    EXPECT_LT(unmounts.at(0).at("time"), mounts.at(1).at("time"));
+    EXPECT_EQ(r.report.at("control").at("content"), "on");
 }
 
 }  // namespace
