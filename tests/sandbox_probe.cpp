@@ -1,7 +1,6 @@
 // mount(2) of qeodmfs on /dev/odm as another caller might: a record of the
 // VERSION and SIZE given, or no data at all. Prints the outcome.
-// With --link-errno N PROGRAM ARGS...: runs PROGRAM with every link(2)
-// failing with errno N, as no state of the sandbox's files can make it.
+// --link-errno N PROGRAM ARGS...: PROGRAM with link(2) failing with errno N.
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/mount.h>
