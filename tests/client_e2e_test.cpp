@@ -13,10 +13,10 @@ TEST_F(ClientE2eTest, MountRunsTheInstalledHelper)
     const sandbox_result r = run_sandbox({"--helper", INSTALLED_HELPER},
                                          {"mount", "-t", "qeodmfs", "-o", "cluster", "none", "/dev/odm"});
     EXPECT_EQ(r.status, 0) << r.err;
-    ASSERT_EQ(r.report["mounts"].size(), 1u) << r.err;
-    EXPECT_EQ(r.report["mounts"][0]["data"]["requested"], 0x2);
+    ASSERT_EQ(r.report.at("mounts").size(), 1u) << r.err;
+    EXPECT_EQ(r.report.at("mounts").at(0).at("data").at("requested"), 0x2);
     // mount(8) puts "rw" in front of the options it hands over.
-    EXPECT_EQ(r.report["mtab"]["content"], "none /dev/odm qeodmfs rw,cluster,smartsync 0 0\n");
+    EXPECT_EQ(r.report.at("mtab").at("content"), "none /dev/odm qeodmfs rw,cluster,smartsync 0 0\n");
 }
 
 }  // namespace

@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "sandbox_run.h"
@@ -30,120 +32,215 @@ constexpr char RECORD_24[] = "02000000200000002400000000000000" "4b0000000000000
 std::string kill_when(const std::string& file)
 {
     return "{ \"$0\" -o cluster & pid=$!; while [ ! -e " + file +
-           " ] && kill -0 $pid; do sleep 0.01; done; kill -KILL $pid; wait $pid; } 2>/dev/null; "
-           "echo $?;";
+           " ] && kill -0 $pid; do sleep 0.01; done; kill -KILL $pid; wait $pid; } 2>/dev/null; echo $?;";
 }
 
 // A tool that kills the helper the first time it runs.
-const std::string KILLER_TOOL =
-    "mkdir -p /opt/KELD/bin; printf '#!/bin/sh\\n[ -e /etc/k ] || { : >/etc/k; kill -KILL $PPID; "
-    "}\\n' >/opt/KELD/bin/tolvane; chmod 755 /opt/KELD/bin/tolvane;";
+const std::string KILLER_TOOL = "mkdir -p /opt/KELD/bin; printf '#!/bin/sh\\n[ -e /etc/k ] || { : >/etc/k; kill -KILL "
+                                "$PPID; }\\n' >/opt/KELD/bin/tolvane; chmod 755 /opt/KELD/bin/tolvane;";
 
-using E2eTest = SandboxTest;
+// The helper exec'd by a shell after SETUP ($$ is its pid), and what every
+// run shows: status, output, and how each module mount and tool run was made.
+struct helper_run {
+    std::vector<std::string> scene{};
+    std::string setup{};
+    std::vector<std::string> args{"-o", "cluster"};
+    int status = 0;
+    std::string out{}, err{};
+    const char* record = RECORD_2;
+    bool locked = true;  // the table locked and terminal signals ignored from mount(2) on
+};
 
-// Each run is the helper exec'd by a shell after SETUP, which stages what no
-// scene option does ($$ is the helper's pid) or runs helpers before it.
-TEST_F(E2eTest, Runs)
-{
-    const struct {
-        std::vector<std::string> scene;
-        std::string setup;
-        std::vector<std::string> args;
-        std::string out, err;
-        const char* record;  // of every qeodmfs mount call
-        const char* entry;   // added to /etc/mtab; nullptr: not a regular file
-        std::size_t calls, left, sleeps, tools;  // mount calls, lock files left, 5 s sleeps, tool runs
-        int status;
-        int writes;   // opens of the control file for writing; -1: no mount stands
-        bool locked;  // the table locked and terminal signals ignored from mount(2) on
-    } cases[] = {
-        {{}, "", {"-o", "exclusive,cluster"}, "",
-         "ODM mount ERROR T-41-1-0-0-3 conflicting suboptions: 'cluster' and 'exclusive'\n",
-         nullptr, "", 0, 0, 0, 0, 255, -1, false},
-        {{"--tolvane-record"}, "", {"-o", "cluster"}, "", "", RECORD_2, CLUSTER, 1, 0, 0,
-         1, 0, 1, true},
-        // The record gets "wait" and no smartsync default; the table the reverse.
-        {{}, "export QEODM_MOUNT_OPTS=nosmartsync;", {"-o", "wait,rw"}, "", "", RECORD_24,
-         "none /dev/odm qeodmfs rw,nosmartsync 0 0\n", 1, 0, 0, 0, 0, 1, true},
-        {{"--tolvane-record", "--mount-errno", "EBUSY"}, "", {"-o", "cluster"}, "",
-         "Device or resource busy: /dev/odm\n", RECORD_2, "", 1, 0, 0, 0, 255, -1, true},
-        {{"--no-odm"}, "", {}, "", "No such file or directory: /dev/odm\n", nullptr, "", 0, 0, 0,
-         0, 255, -1, false},
-        {{"--mtab", "missing"}, "", {}, "", "", nullptr, nullptr, 0, 0, 0, 0, 1, -1, false},
-        {{"--mtab", "symlink", "--tolvane-record"}, "", {}, "", "", RECORD_0, nullptr, 1, 0, 0, 1,
-         0, 1, false},
-        // Someone else's lock: four tries, then status 1; the temporary stays.
-        {{"--mtab-lock", "--fast-sleep"}, "", {}, "", "", nullptr, "", 0, 2, 4, 0, 1, -1, false},
-        // A link that fails otherwise is not retried.
-        {{"--fast-sleep"}, ": >/etc/mtab~$$; mount --bind /dev/null /etc/mtab~$$;", {}, "", "",
-         nullptr, "", 0, 1, 0, 0, 1, -1, false},
-        // addmntent's failure, 1, is let pass.
-        {{}, "mount --bind /dev/full /etc/mtab;", {}, "", "", RECORD_0, nullptr, 1, 0, 0, 0, 0, 1,
-         true},
-        // After the entry: warnings, and the mount stands.
-        {{"--control", "missing"}, "", {"-o", "cluster"}, "",
-         "ODM mount WARNING T-41-1-0-0-7 could not open /dev/odm/cluster\n", RECORD_2,
-         CLUSTER, 1, 0, 0, 0, 255, -1, true},
-        {{"--control", "full"}, "", {"-o", "cluster"}, "",
-         "ODM mount WARNING T-41-1-0-0-8 could not write /dev/odm/cluster\n", RECORD_2,
-         CLUSTER, 1, 0, 0, 0, 255, 1, true},
-        {{"--fork-errno", "EAGAIN", "--tolvane-record"}, "", {"-o", "cluster"}, "",
-         "ODM mount WARNING T-41-1-0-0-10 could not fork /opt/KELD/bin/tolvane\n", RECORD_2,
-         CLUSTER, 1, 0, 0, 0, 0, 1, true},
-        // The child whose exec failed writes the switch too.
-        {{"--tolvane-noexec"}, "", {"-o", "cluster"}, "", "", RECORD_2, CLUSTER, 1, 0, 0,
-         0, 0, 2, true},
-        // Killed waiting for someone else's lock: the temporary stays, only
-        // its owner may read or write it.
-        {{"--mtab-lock"},
-         "umask 0;" + kill_when("/etc/mtab~$pid") + "stat -c %a /etc/mtab~$pid; exit;", {},
-         "137\n600\n", "", nullptr, "", 0, 2, 0, 0, 0, -1, false},
-        // Killed inside the mount call: its lock stays, so the next gives up.
-        {{"--hold-mount", "--fast-sleep"}, kill_when("/dev/.odm-sandbox/held.$pid"), {}, "137\n",
-         "", RECORD_2, "", 1, 2, 4, 0, 1, -1, true},
-        // Killed while the tool runs: its entry is in and its lock gone.
-        {{"--fast-sleep"}, KILLER_TOOL + "{ \"$0\" -o cluster; } 2>/dev/null; echo $?;",
-         {"-o", "cluster"}, "137\n", "", RECORD_2, "none /dev/odm qeodmfs cluster,smartsync 0 0\n"
-         "none /dev/odm qeodmfs cluster,smartsync 0 0\n", 2, 0, 0, 0, 0, 1, true},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::PrintToString(c.scene) + " " + c.setup + " " +
-                     testing::PrintToString(c.args));
+// What the table and /etc hold once the run is over, and how far it got.
+struct left_behind {
+    std::optional<std::string> entry = "";  // after the table's old content; none: no regular file
+    std::size_t calls = 0;                  // mount calls the module answered
+    std::size_t left = 0;                   // lock files in /etc
+    std::size_t sleeps = 0;                 // 5 s sleeps waiting for the lock
+};
+
+class E2eTest : public SandboxTest {
+protected:
+    static sandbox_result run(const helper_run& c)
+    {
         std::vector<std::string> scene = c.scene;
         scene.insert(scene.end(), {"--timeout", "10", "--mtab-content", OLD});
         std::vector<std::string> command{"sh", "-c", c.setup + R"( exec "$0" "$@")", HELPER_PATH};
         command.insert(command.end(), c.args.begin(), c.args.end());
-        const sandbox_result r = run_sandbox(scene, command);
+        sandbox_result r = run_sandbox(scene, command);
+        EXPECT_EQ(std::tuple(r.status, r.out, r.err), std::tuple(c.status, c.out, c.err));
         const json signals = c.locked ? SIGNALS : json::array();
-        EXPECT_EQ(r.status, c.status);
-        EXPECT_EQ(r.out, c.out);
-        EXPECT_EQ(r.err, c.err);
-        std::size_t calls = 0;
-        for (const json& m : r.report["mounts"]) {
-            if (m["handled_by"] != "module")
-                continue;
-            ++calls;
-            EXPECT_EQ(json::array({m["flags"], m["data"]["hex"], m["mtab_lock_present"],
-                                   m["mtab_temp_present"], m["ignored_signals"]}),
-                      json::array({0, c.record ? c.record : "", c.locked, false, signals}));
-        }
-        EXPECT_EQ(calls, c.calls);
+        const json made = json::array({0, c.record, c.locked, false, signals});
+        for (const json& m : r.report.at("mounts"))
+            EXPECT_TRUE(m.at("handled_by") != "module" ||
+                        json::array({m.at("flags"), m.at("data").at("hex"), m.at("mtab_lock_present"),
+                                     m.at("mtab_temp_present"), m.at("ignored_signals")}) == made)
+                << m << " made as " << made;
+        for (const json& t : r.report.at("tool_runs"))
+            EXPECT_EQ(json::array({t.at("argv"), t.at("ignored_signals")}), json::array({TOOL, signals}));
+        return r;
+    }
+
+    static void expect_left(const sandbox_result& r, const left_behind& c)
+    {
         if (c.entry) {
-            EXPECT_EQ(r.report["mtab"]["content"], OLD + c.entry);
+            EXPECT_EQ(r.report.at("mtab").at("content"), OLD + *c.entry);
         }
-        EXPECT_EQ(r.report["lock_files"].size(), c.left) << r.report["lock_files"];
-        const json& sleeps = r.report["sleeps"];
-        const auto five = [](const json& s) { return s["seconds"] == 5.0; };
+        const json &mounts = r.report.at("mounts"), &sleeps = r.report.at("sleeps");
+        const auto module = [](const json& m) { return m.at("handled_by") == "module"; };
+        const auto five = [](const json& s) { return s.at("seconds") == 5.0; };
+        EXPECT_EQ(std::count_if(mounts.begin(), mounts.end(), module), std::ptrdiff_t(c.calls));
+        EXPECT_EQ(r.report.at("lock_files").size(), c.left) << r.report.at("lock_files");
         EXPECT_EQ(std::count_if(sleeps.begin(), sleeps.end(), five), std::ptrdiff_t(c.sleeps));
-        EXPECT_EQ(r.report["tool_runs"].size(), c.tools);
-        for (const json& t : r.report["tool_runs"])
-            EXPECT_EQ(json::array({t["argv"], t["ignored_signals"]}), json::array({TOOL, signals}));
-        const json& control = r.report["control"];
-        EXPECT_EQ(control.is_null() ? -1 : control["write_opens"].get<int>(), c.writes);
-        if (c.status == 0 && c.writes > 0) {
-            EXPECT_EQ(control["content"], "on");
+    }
+};
+
+// Runs that end before an entry is written: the table as it was, and what
+// stays in /etc.
+using BeforeTheEntry = E2eTest;
+
+TEST_F(BeforeTheEntry, ConflictIsRefusedBeforeTheLock)
+{
+    expect_left(run({.args = {"-o", "exclusive,cluster"}, .status = 255,
+                     .err = "ODM mount ERROR T-41-1-0-0-3 conflicting suboptions: 'cluster' and 'exclusive'\n"}), {});
+}
+
+TEST_F(BeforeTheEntry, RefusedMountLeavesNoEntryAndNoLock)
+{
+    expect_left(run({.scene = {"--tolvane-record", "--mount-errno", "EBUSY"}, .status = 255,
+                     .err = "Device or resource busy: /dev/odm\n"}), {.calls = 1});
+}
+
+TEST_F(BeforeTheEntry, MissingMountPointIsReported)
+{
+    expect_left(run({.scene = {"--no-odm"}, .args = {}, .status = 255, .err = "No such file or directory: /dev/odm\n"}),
+                {});
+}
+
+TEST_F(BeforeTheEntry, MissingTableEndsTheRun)
+{
+    expect_left(run({.scene = {"--mtab", "missing"}, .args = {}, .status = 1}), {.entry = std::nullopt});
+}
+
+// Four tries, then status 1; the temporary stays.
+TEST_F(BeforeTheEntry, LockHeldElsewhereIsGivenUpAfterFourTries)
+{
+    expect_left(run({.scene = {"--mtab-lock", "--fast-sleep"}, .args = {}, .status = 1}), {.left = 2, .sleeps = 4});
+}
+
+// Only a lock that exists already is worth waiting for: a link that fails
+// otherwise, with an errno above EEXIST or below it, ends the run at once.
+TEST_F(BeforeTheEntry, LinkFailingOtherwiseIsNotRetried)
+{
+    expect_left(run({.scene = {"--fast-sleep"}, .setup = ": >/etc/mtab~$$; mount --bind /dev/null /etc/mtab~$$;",
+                     .args = {}, .status = 1}), {.left = 1});  // EXDEV
+    expect_left(run({.scene = {"--fast-sleep"}, .setup = "exec " PROBE_PATH R"( --link-errno 1 "$0" "$@";)",
+                     .args = {}, .status = 1}), {.left = 1});  // EPERM
+}
+
+// Out of descriptors once the table is open: a temporary left by an earlier
+// process with the same pid cannot be reused, nor taken for the lock.
+TEST_F(BeforeTheEntry, TemporaryThatCannotBeOpenedEndsTheRun)
+{
+    expect_left(run({.setup = ": >/etc/mtab~$$; ulimit -n 4;", .status = 1}), {.left = 1});
+}
+
+// A mount that stands: the record the module gets and the table's entry.
+using TheTableForms = E2eTest;
+
+TEST_F(TheTableForms, ClusterGoesToTheModuleAndTheTable)
+{
+    expect_left(run({}), {.entry = CLUSTER, .calls = 1});
+}
+
+// The record gets "wait" and no smartsync default; the table the reverse.
+TEST_F(TheTableForms, WaitIsForTheModuleAndSmartsyncForTheTable)
+{
+    expect_left(run({.setup = "export QEODM_MOUNT_OPTS=nosmartsync;", .args = {"-o", "wait,rw"}, .record = RECORD_24}),
+                {.entry = "none /dev/odm qeodmfs rw,nosmartsync 0 0\n", .calls = 1});
+}
+
+TEST_F(TheTableForms, LinkedTableIsNeitherLockedNorWritten)
+{
+    expect_left(run({.scene = {"--mtab", "symlink", "--tolvane-record"}, .args = {}, .record = RECORD_0,
+                     .locked = false}), {.entry = std::nullopt, .calls = 1});
+}
+
+// addmntent's failure, 1, is let pass.
+TEST_F(TheTableForms, FailedAppendIsLetPass)
+{
+    expect_left(run({.setup = "mount --bind /dev/full /etc/mtab;", .args = {}, .record = RECORD_0}),
+                {.entry = std::nullopt, .calls = 1});
+}
+
+// After the entry: the tool and the control file. Warnings there leave the
+// mount standing.
+class AfterTheEntry : public E2eTest {
+protected:
+    // writes: opens of the control file for writing; -1: it never existed.
+    static void expect_after(const helper_run& c, std::size_t tools, int writes)
+    {
+        const sandbox_result r = run(c);
+        EXPECT_EQ(r.report.at("mtab").at("content"), OLD + CLUSTER);
+        EXPECT_EQ(r.report.at("tool_runs").size(), tools);
+        const json& control = r.report.at("control");
+        EXPECT_EQ(control.is_null() ? -1 : control.at("write_opens").get<int>(), writes);
+        if (c.status == 0) {
+            EXPECT_EQ(control.at("content"), "on");
         }
     }
+};
+
+TEST_F(AfterTheEntry, ToolRunsThenTheSwitchGoesOn)
+{
+    expect_after({.scene = {"--tolvane-record"}}, 1, 1);
+}
+
+TEST_F(AfterTheEntry, MissingControlFileIsWarnedAbout)
+{
+    expect_after({.scene = {"--control", "missing"}, .status = 255,
+                  .err = "ODM mount WARNING T-41-1-0-0-7 could not open /dev/odm/cluster\n"}, 0, -1);
+}
+
+TEST_F(AfterTheEntry, FullControlFileIsWarnedAbout)
+{
+    expect_after({.scene = {"--control", "full"}, .status = 255,
+                  .err = "ODM mount WARNING T-41-1-0-0-8 could not write /dev/odm/cluster\n"}, 0, 1);
+}
+
+TEST_F(AfterTheEntry, FailedForkIsWarnedAbout)
+{
+    expect_after({.scene = {"--fork-errno", "EAGAIN", "--tolvane-record"},
+                  .err = "ODM mount WARNING T-41-1-0-0-10 could not fork /opt/KELD/bin/tolvane\n"}, 0, 1);
+}
+
+TEST_F(AfterTheEntry, ChildWhoseExecFailedWritesTheSwitchToo)
+{
+    expect_after({.scene = {"--tolvane-noexec"}}, 0, 2);
+}
+
+// SIGKILL at each point, then what the next helper finds.
+using KilledAt = E2eTest;
+
+// The temporary stays, and only its owner may read or write it.
+TEST_F(KilledAt, WaitingForTheLock)
+{
+    expect_left(run({.scene = {"--mtab-lock"}, .setup = "umask 0;" + kill_when("/etc/mtab~$pid") +
+                     "stat -c %a /etc/mtab~$pid; exit;", .out = "137\n600\n"}), {.left = 2});
+}
+
+// Its lock stays, so the next gives up.
+TEST_F(KilledAt, TheMountCall)
+{
+    expect_left(run({.scene = {"--hold-mount", "--fast-sleep"}, .setup = kill_when("/dev/.odm-sandbox/held.$pid"),
+                     .args = {}, .status = 1, .out = "137\n"}), {.calls = 1, .left = 2, .sleeps = 4});
+}
+
+// Its entry is in and its lock gone.
+TEST_F(KilledAt, TheToolRun)
+{
+    expect_left(run({.scene = {"--fast-sleep"}, .setup = KILLER_TOOL + "{ \"$0\" -o cluster; } 2>/dev/null; echo $?;",
+                     .out = "137\n"}), {.entry = std::string(CLUSTER) + CLUSTER, .calls = 2});
 }
 
 // Sixteen helpers race for the lock. Answered sleeps make a loser give up at
@@ -167,13 +264,13 @@ TEST_F(E2eTest, EveryLockWinnerWritesOneWholeLine)
                 temps.push_back("mtab~" + std::to_string(pid));
         }
         EXPECT_EQ(helpers, 16) << r.out << r.err;
-        EXPECT_EQ(r.report["mtab"]["content"], lines);
+        EXPECT_EQ(r.report.at("mtab").at("content"), lines);
         std::sort(temps.begin(), temps.end());
-        EXPECT_EQ(r.report["lock_files"], temps);
-        EXPECT_EQ(r.report["mounts"].size(), lines.size() / std::strlen(CLUSTER));
-        for (const json& m : r.report["mounts"]) {
-            EXPECT_EQ(m["mtab_lock_present"], true);
-            EXPECT_EQ(m["mtab_temp_present"], false);
+        EXPECT_EQ(r.report.at("lock_files"), temps);
+        EXPECT_EQ(r.report.at("mounts").size(), lines.size() / std::strlen(CLUSTER));
+        for (const json& m : r.report.at("mounts")) {
+            EXPECT_EQ(m.at("mtab_lock_present"), true);
+            EXPECT_EQ(m.at("mtab_temp_present"), false);
         }
     }
 }

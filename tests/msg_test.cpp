@@ -31,6 +31,7 @@ TEST(MsgFormatTest, IdentifiersWithoutTheCatalogue)
         {"ODM:tolvane:2:x", "tolvane ERROR T-41-8-0-0-2 x", -1, 0},
         // The number as written, the text with its colons.
         {"ODM:mount:07\xc3\xa9:a:b: c", "ODM mount T-41-1-0-0-07\xc3\xa9 a:b: c", SEV_NONE, 0},
+        {"ODM:mount:\xc3\xa9:t", "ODM mount T-41-1-0-0-\xc3\xa9 t", SEV_NONE, 0},
         // The code's two fields come from its magnitude; bit 30 is in neither.
         {"ODM:mount:7:t", "ODM mount T-41-1-7-2047-7 t", SEV_NONE, 0x7fff0000},
         {"ODM:mount:7:t", "ODM mount T-41-1-7-2047-7 t", SEV_NONE, -0x3fff0000},
@@ -39,8 +40,9 @@ TEST(MsgFormatTest, IdentifiersWithoutTheCatalogue)
         {"dom-0xxxxxxxxxxxxxxxxxxxxxxxxx:mount:7:t", nullptr, SEV_NONE, 0},
         // Unresolvable: missing or empty fields, unknown domains and sets.
         {"ODM:mount:7", nullptr, 0, 0}, {"", nullptr, 0, 0}, {":mount:7:t", nullptr, 0, 0},
-        {"ODM::7:t", nullptr, 0, 0}, {"ABC:mount:3:t", nullptr, 0, 0}, {"XYZ:mount:3:t", nullptr, 0, 0},
-        {"dom-1:mount:3:t", nullptr, 0, 0}, {"dom-:mount:3:t", nullptr, 0, 0},
+        {"ODM::7:t", nullptr, 0, 0}, {"ODM:mount::t", nullptr, 0, 0}, {"ABC:mount:3:t", nullptr, 0, 0},
+        {"XYZ:mount:3:t", nullptr, 0, 0}, {"dom-1:mount:3:t", nullptr, 0, 0}, {"dom-:mount:3:t", nullptr, 0, 0},
+        {"ABCD0:mount:3:t", nullptr, 0, 0}, {"dom.0:mount:3:t", nullptr, 0, 0}, {"dom-x:mount:3:t", nullptr, 0, 0},
         {"ODM:Mount:3:t", nullptr, 0, 0}, {"ODM:nosuchset:3:t", nullptr, 0, 0},
         {"ODM:set-0:3:t", nullptr, 0, 0},
     };
@@ -119,6 +121,9 @@ TEST(MsgReportTest, ReportingFunctions)
          },
          "ODM mount WARNUNG T-41-1-0-0-10 Prozess f\xc3\xbcr x kann nicht gestartet werden\n"
          "ODM mount INFO T-41-1-0-0-9 i\n", 0},
+        // INFO's own word, which no translation so far changes.
+        {[] { setenv("NLSPATH", WORDS_CATALOG_DIR "/%N", 1); info("ODM:mount:9:i"); return 0; },
+         "ODM mount HINWEIS T-41-1-0-0-9 i\n", 0},
         // msg_errno takes its catalogue from LANG, the others from
         // LC_MESSAGES; the errno text is always the C library's.
         {[] {

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 struct child_result {
@@ -41,7 +40,10 @@ child_result in_child(F f)
         dup2(err, STDERR_FILENO);
         fcntl(STDOUT_FILENO, F_SETFL, O_APPEND);
         fcntl(STDERR_FILENO, F_SETFL, O_APPEND);
-        std::exit(f());
+        // The parent's static destructors and exit handlers are not the child's to run.
+        const int status = f();
+        std::fflush(nullptr);
+        _exit(status);
     }
     int status = 0;
     waitpid(pid, &status, 0);

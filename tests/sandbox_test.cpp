@@ -56,7 +56,7 @@ TEST_F(SandboxTest, ModuleRefusesWhatIsNotItsRecord)
         const char* command;
         json version_and_size;  // null: no data
     } cases[] = {
-        {"mount -t qeodmfs -o cluster none /dev/odm 2>/dev/null", {0x73756c63, 0x00726574}},  // "clus", "ter\0"
+        {"mount -i -t qeodmfs -o cluster none /dev/odm 2>/dev/null", {0x73756c63, 0x00726574}},  // "clus", "ter\0"
         {PROBE_PATH " 1 32", {1, 32}},
         {PROBE_PATH " 2 31", {2, 31}},
         {PROBE_PATH, nullptr},
