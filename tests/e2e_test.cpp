@@ -139,10 +139,12 @@ TEST_F(BeforeTheEntry, LinkFailingOtherwiseIsNotRetried)
 }
 
 // Out of descriptors once the table is open: a temporary left by an earlier
-// process with the same pid cannot be reused, nor taken for the lock.
+// process with the same pid cannot be reused, nor taken for the lock. A
+// sanitized helper's leak check would need descriptors of its own at exit.
 TEST_F(BeforeTheEntry, TemporaryThatCannotBeOpenedEndsTheRun)
 {
-    expect_left(run({.setup = ": >/etc/mtab~$$; ulimit -n 4;", .status = 1}), {.left = 1});
+    expect_left(run({.setup = ": >/etc/mtab~$$; ulimit -n 4; export ASAN_OPTIONS=$ASAN_OPTIONS:detect_leaks=0;",
+                     .status = 1}), {.left = 1});
 }
 
 // A mount that stands: the record the module gets and the table's entry.
