@@ -86,7 +86,8 @@ protected:
         if (c.entry) {
             EXPECT_EQ(r.report.at("mtab").at("content"), OLD + *c.entry);
         }
-        const json &mounts = r.report.at("mounts"), &sleeps = r.report.at("sleeps");
+        const json& mounts = r.report.at("mounts");
+        const json& sleeps = r.report.at("sleeps");
         const auto module = [](const json& m) { return m.at("handled_by") == "module"; };
         const auto five = [](const json& s) { return s.at("seconds") == 5.0; };
         EXPECT_EQ(std::count_if(mounts.begin(), mounts.end(), module), std::ptrdiff_t(c.calls));
