@@ -63,8 +63,8 @@ class E2eTest : public SandboxTest {
 protected:
     static sandbox_result run(const helper_run& c)
     {
-        std::vector<std::string> scene = c.scene;
-        scene.insert(scene.end(), {"--timeout", "10", "--mtab-content", OLD});
+        std::vector<std::string> scene{"--timeout", "10", "--mtab-content", OLD};
+        scene.insert(scene.end(), c.scene.begin(), c.scene.end());
         std::vector<std::string> command{"sh", "-c", c.setup + R"( exec "$0" "$@")", HELPER_PATH};
         command.insert(command.end(), c.args.begin(), c.args.end());
         sandbox_result r = run_sandbox(scene, command);
@@ -139,6 +139,16 @@ TEST_F(BeforeTheEntry, LinkFailingOtherwiseIsNotRetried)
                      .args = {}, .status = 1}), {.left = 1});  // EPERM
 }
 
+// A descriptor the caller closed gets /dev/null, never the table and so
+// never the message; without /dev/null the run ends before it starts.
+TEST_F(BeforeTheEntry, ClosedStandardDescriptorsNeverReachTheTable)
+{
+    for (const char* closed : {"exec 2>&-;", "exec 1>&- 2>&-;", "exec 0<&- 1>&- 2>&-;"})
+        expect_left(run({.scene = {"--no-odm"}, .setup = closed, .status = 255}), {});
+    expect_left(run({.scene = {"--no-odm"}, .setup = "umount -n /dev/null; rm /dev/null; exec 2>&-;", .status = 1}),
+                {});
+}
+
 // Out of descriptors once the table is open: a temporary left by an earlier
 // process with the same pid cannot be reused, nor taken for the lock. A
 // sanitized helper's leak check would need descriptors of its own at exit.
@@ -174,6 +184,33 @@ TEST_F(TheTableForms, FailedAppendIsLetPass)
 {
     expect_left(run({.setup = "mount --bind /dev/full /etc/mtab;", .args = {}, .record = RECORD_0}),
                 {.entry = std::nullopt, .calls = 1});
+}
+
+// The largest file-size limit the helper may take is the hard one, or none
+// for root. A line cut short by it, or by a full file system, is taken back.
+TEST_F(TheTableForms, AppendCutShortIsTakenBack)
+{
+    std::string table;  // 40 lines of 25 bytes
+    for (int i = 10; i < 50; ++i)
+        table += "none /mnt/" + std::to_string(i) + " none rw 0 0\n";
+    // One page, 6 bytes short of full: the entry's first 6 bytes fit.
+    const std::string page = table + table + table + table + std::string(89, '#') + "\n";
+    const struct {
+        std::string table, setup;
+        std::vector<std::string> results;  // without root, then as root
+    } cases[] = {
+        {table, "ulimit -f 2;", {table, table + CLUSTER}},  // 512-byte blocks: 24 of the line
+        {table, "ulimit -S -f 2;", {table + CLUSTER}},
+        {table, "ulimit -f 4; ulimit -S -f 2;", {table + CLUSTER}},
+        {page, "mkdir /etc/small; mount -n -t tmpfs -o size=4k none /etc/small; "
+               "cat /etc/mtab >/etc/small/mtab; mount -n --bind /etc/small/mtab /etc/mtab;", {page}},
+    };
+    for (const auto& c : cases) {
+        const sandbox_result r = run({.scene = {"--mtab-content", c.table}, .setup = c.setup});
+        expect_left(r, {.entry = std::nullopt, .calls = 1});
+        const json& content = r.report.at("mtab").at("content");
+        EXPECT_NE(std::find(c.results.begin(), c.results.end(), content), c.results.end()) << c.setup << content;
+    }
 }
 
 // After the entry: the tool and the control file. Warnings there leave the
@@ -220,6 +257,57 @@ TEST_F(AfterTheEntry, FailedForkIsWarnedAbout)
 TEST_F(AfterTheEntry, ChildWhoseExecFailedWritesTheSwitchToo)
 {
     expect_after({.scene = {"--tolvane-noexec"}}, 0, 2);
+}
+
+TEST_F(AfterTheEntry, ClosedStandardInputStillTurnsTheSwitchOn)
+{
+    expect_after({.setup = "exec <&-;"}, 0, 1);
+}
+
+// The caller's own child ends while the tool still runs, and must not be
+// taken for it. The tool reads its mask before its first child (sh clears
+// it around each), then what the switch holds.
+TEST_F(AfterTheEntry, TheSwitchWaitsForTheToolWhateverChildrenTheCallerLeft)
+{
+    expect_after({.setup = R"sh(mkdir -p /opt/KELD/bin; cat >/opt/KELD/bin/tolvane <<'EOF'
+#!/bin/sh
+while read -r line; do
+    case $line in Sig[BI]*) echo "$line" ;; esac
+done </proc/$$/status
+sleep 1
+echo "switch: $(cat /dev/odm/cluster)"
+EOF
+chmod 755 /opt/KELD/bin/tolvane; sleep 0.3 &)sh",
+                  .out = "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000007\nswitch: \n"}, 0, 1);
+}
+
+// A signal that comes while the lock is held takes effect once it is gone:
+// TERM inside mount(2), whose held call the stop and continue let through,
+// or inside a failed mount's report stuck in a full FIFO; and the broken
+// pipe of a report whose reader has gone.
+using SignalWaitsForTheLock = E2eTest;
+
+TEST_F(SignalWaitsForTheLock, TermInsideTheMountCall)
+{
+    expect_left(run({.scene = {"--hold-mount"}, .setup = R"("$0" "$@" & pid=$!;
+while [ ! -e /dev/.odm-sandbox/held.$pid ]; do sleep 0.01; done; sed -n 's/^SigBlk:\t//p' /proc/$pid/status;
+kill -TERM $pid; kill -STOP $pid; kill -CONT $pid; { wait $pid; } 2>/dev/null; echo $?; exit;)",
+                     .out = "fffffffe7ffbfeff\n143\n"}), {.entry = CLUSTER, .calls = 2});
+}
+
+TEST_F(SignalWaitsForTheLock, TermInsideAStuckReport)
+{
+    expect_left(run({.scene = {"--mount-errno", "EBUSY"}, .setup = R"(mkfifo /etc/p; exec 3<>/etc/p;
+dd if=/dev/zero of=/etc/p bs=4096 oflag=nonblock 2>/dev/null; "$0" "$@" 2>&3 & pid=$!;
+until grep -q '^1 0x2 ' /proc/$pid/syscall; do sleep 0.01; done;
+kill -TERM $pid; dd bs=4096 count=1 <&3 >/dev/null 2>&1; { wait $pid; } 2>/dev/null; echo $?; exit;)",
+                     .out = "143\n"}), {.calls = 1});
+}
+
+TEST_F(SignalWaitsForTheLock, BrokenPipeOfAReport)
+{
+    expect_left(run({.scene = {"--mount-errno", "EBUSY"}, .setup = "mkfifo /etc/p; exec 3<>/etc/p 2>/etc/p 3<&-;",
+                     .status = 141}), {.calls = 1});
 }
 
 // SIGKILL at each point, then what the next helper finds.
