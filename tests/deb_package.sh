@@ -10,10 +10,10 @@ deb=$1
 fail=0
 work=$(mktemp -d "$(dirname "$deb")/check.XXXXXX")
 trap 'rm -rf "$work"' EXIT
+problem() { printf '%s\n' "$@"; fail=1; }
 
 depends=$(dpkg-deb -f "$deb" Depends)
-echo "$depends" | grep -Eq '^libc6( \(>= [0-9.]+\))?$' ||
-    { echo "Depends: $depends (expected libc6 alone)"; fail=1; }
+echo "$depends" | grep -Eq '^libc6( \(>= [0-9.]+\))?$' || problem "Depends: $depends (expected libc6 alone)"
 
 # Mode, owner and path of everything but directories.
 contents=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ { $3 = $4 = $5 = ""; print }' |
@@ -27,13 +27,12 @@ lrwxrwxrwx root/root ./opt/KELD/messages/en_US.utf8 -> en_US.UTF-8
 -rw-r--r-- root/root ./usr/share/doc/qeodmfs-mount/copyright
 -rw-r--r-- root/root ./usr/share/lintian/overrides/qeodmfs-mount
 -rw-r--r-- root/root ./usr/share/man/man8/mount.qeodmfs.8.gz"
-[ "$contents" = "$expected" ] ||
-    { printf 'contents:\n%s\nexpected:\n%s\n' "$contents" "$expected"; fail=1; }
+[ "$contents" = "$expected" ] || problem contents: "$contents" expected: "$expected"
 
 dpkg-deb -x "$deb" "$work"
 version=$(dpkg-deb -f "$deb" Version)
 gzip -dc "$work/usr/share/doc/qeodmfs-mount/changelog.gz" | head -n 1 | grep -Fq "($version)" ||
-    { echo "packaging/changelog has no entry for $version"; fail=1; }
+    problem "packaging/changelog has no entry for $version"
 
 # Debian 12's own start files (Scrt1.o, crti.o) carry no IBT/SHSTK mark, so
 # no program built on it passes the control-flow check.
@@ -46,17 +45,16 @@ hardening-check --nocfprotection "$work/usr/sbin/mount.qeodmfs" || fail=1
 # devscripts brings.
 root=$work/root
 mkdir -p "$root/opt" "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates"
-: >"$root/var/lib/dpkg/status"
-: >"$root/var/lib/dpkg/available"
+touch "$root/var/lib/dpkg/status" "$root/var/lib/dpkg/available"
 as_root=
 [ "$(id -u)" -eq 0 ] || as_root=fakeroot
 in_root() {
     $as_root dpkg --root="$root" --log="$work/dpkg.log" --force-depends --force-not-root \
-        "$@" >"$work/dpkg.out" 2>&1 || { cat "$work/dpkg.out"; fail=1; }
+        "$@" >"$work/dpkg.out" 2>&1 || problem "$(cat "$work/dpkg.out")"
 }
 left_in_opt() {
     found=$(cd "$root" && find opt 2>/dev/null | LC_ALL=C sort | tr '\n' ' ')
-    [ "$found" = "$1" ] || { echo "after dpkg $2, /opt holds: $found (expected $1)"; fail=1; }
+    [ "$found" = "$1" ] || problem "after dpkg $2, /opt holds: $found (expected $1)"
 }
 in_root -i "$deb"
 in_root -r qeodmfs-mount
@@ -67,8 +65,7 @@ in_root -i "$deb"
 in_root -P qeodmfs-mount
 left_in_opt "opt opt/KELD opt/KELD/bin opt/KELD/bin/tolvane " -P
 in_root -i "$deb"
-[ -f "$root/opt/KELD/messages/en_US.UTF-8/KELDodm.cat" ] ||
-    { echo "installing again left no catalogue"; fail=1; }
+[ -f "$root/opt/KELD/messages/en_US.UTF-8/KELDodm.cat" ] || problem "installing again left no catalogue"
 
 # Root is how CI runs; lintian's notice about it is not a finding. Lintian
 # leaves its caches in TMPDIR, so they go with the work directory.

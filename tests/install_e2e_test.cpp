@@ -1,5 +1,5 @@
-// The installed catalogues under each spelling of the locale that users set,
-// chosen through each of the variables that can choose it.
+// The helper and the catalogues from a plain install, run in the sandbox.
+// The install_tree test lays the staging tree down first.
 #include <gtest/gtest.h>
 
 #include <clocale>
@@ -9,9 +9,23 @@
 
 namespace {
 
-class CatalogE2eTest : public SandboxTest {};
+using InstalledE2eTest = SandboxTest;
 
-TEST_F(CatalogE2eTest, GermanForEverySpellingAndVariable)
+// util-linux mount(8) finds the helper and runs it.
+TEST_F(InstalledE2eTest, MountRunsTheInstalledHelper)
+{
+    const sandbox_result r = run_sandbox({"--helper", INSTALLED_HELPER},
+                                         {"mount", "-t", "qeodmfs", "-o", "cluster", "none", "/dev/odm"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    ASSERT_EQ(r.report.at("mounts").size(), 1u) << r.err;
+    EXPECT_EQ(r.report.at("mounts").at(0).at("data").at("requested"), 0x2);
+    // mount(8) puts "rw" in front of the options it hands over.
+    EXPECT_EQ(r.report.at("mtab").at("content"), "none /dev/odm qeodmfs rw,cluster,smartsync 0 0\n");
+}
+
+// Each spelling of the locale that users set, through each of the
+// variables that can choose it.
+TEST_F(InstalledE2eTest, GermanForEverySpellingAndVariable)
 {
     locale_t de = newlocale(LC_ALL_MASK, "de_DE.UTF-8", nullptr);
     if (de == nullptr)
