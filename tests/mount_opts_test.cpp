@@ -68,6 +68,7 @@ TEST(MountOptsTest, CommandLineAndEnvironment)
             std::vector<std::string> args = c.args;
             args.insert(args.begin(), prog_name);
             std::vector<char*> argv;
+            argv.reserve(args.size() + 1);
             for (std::string& a : args)
                 argv.push_back(a.data());
             argv.push_back(nullptr);

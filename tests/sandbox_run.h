@@ -33,6 +33,7 @@ inline sandbox_result run_sandbox(const std::vector<std::string>& options,
     args.insert(args.end(), command.begin(), command.end());
     child_result r = in_child([&] {
         std::vector<char*> argv;
+        argv.reserve(args.size() + 1);
         for (std::string& a : args)
             argv.push_back(a.data());
         argv.push_back(nullptr);
