@@ -271,6 +271,14 @@ TEST_F(AfterTheEntry, TheSwitchWaitsForTheToolWhateverChildrenTheCallerLeft)
                   .out = "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000007\nswitch: \n"}, 0, 1);
 }
 
+// From the entry on, the lock is whoever takes it next: one taken while the
+// tool runs stays, even when the helper is a container's pid 1.
+TEST_F(AfterTheEntry, LockTakenDuringTheToolStaysEvenForPidOne)
+{
+    expect_left(run({.setup = tool(": >/etc/mtab~") + R"(exec unshare --pid --fork "$0" "$@";)"}),
+                {.entry = CLUSTER, .calls = 1, .left = 1});
+}
+
 // A signal that comes while the lock is held takes effect once it is gone:
 // TERM inside mount(2), whose held call the stop and continue let through,
 // or inside a failed mount's report stuck in a full FIFO; and the broken

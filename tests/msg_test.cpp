@@ -40,11 +40,13 @@ TEST(MsgFormatTest, IdentifiersWithoutTheCatalogue)
         {"dom-0xxxxxxxxxxxxxxxxxxxxxxxxx:mount:7:t", nullptr, SEV_NONE, 0},
         // Unresolvable: missing or empty fields, unknown domains and sets.
         {"ODM:mount:7", nullptr, 0, 0}, {"", nullptr, 0, 0}, {":mount:7:t", nullptr, 0, 0},
-        {"ODM::7:t", nullptr, 0, 0}, {"ODM:mount::t", nullptr, 0, 0}, {"ABC:mount:3:t", nullptr, 0, 0},
-        {"XYZ:mount:3:t", nullptr, 0, 0}, {"dom-1:mount:3:t", nullptr, 0, 0}, {"dom-:mount:3:t", nullptr, 0, 0},
-        {"ABCD0:mount:3:t", nullptr, 0, 0}, {"dom.0:mount:3:t", nullptr, 0, 0}, {"dom-x:mount:3:t", nullptr, 0, 0},
-        {"ODM:Mount:3:t", nullptr, 0, 0}, {"ODM:nosuchset:3:t", nullptr, 0, 0},
-        {"ODM:set-0:3:t", nullptr, 0, 0},
+        {"ODM::7:t", nullptr, 0, 0}, {"ABC:mount:3:t", nullptr, 0, 0}, {"XYZ:mount:3:t", nullptr, 0, 0},
+        {"dom-1:mount:3:t", nullptr, 0, 0}, {"dom-:mount:3:t", nullptr, 0, 0}, {"ABCD0:mount:3:t", nullptr, 0, 0},
+        {"dom.0:mount:3:t", nullptr, 0, 0}, {"dom-x:mount:3:t", nullptr, 0, 0}, {"ODM:Mount:3:t", nullptr, 0, 0},
+        {"ODM:nosuchset:3:t", nullptr, 0, 0}, {"ODM:set-0:3:t", nullptr, 0, 0},
+        // An empty field is never read past its end, whatever the one before
+        // left in the buffer: here a colon.
+        {"ODM:mount::a:t", nullptr, 0, 0}, {"ODM:mount:", nullptr, 0, 0},
     };
     for (const auto& c : cases) {
         char out[128];
