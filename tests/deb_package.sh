@@ -1,10 +1,9 @@
 #!/bin/sh
 # deb_package.sh DEB        (./dev.sh package and ./dev.sh repro run it)
 #
-# What a user of the package gets: the files, links and modes, a dependency
-# on libc6 alone, a changelog that matches the version, a hardened helper,
-# a removal that leaves /opt in place, and a lintian report with no tag
-# that lacks a written reason.
+# What a user of the package gets: the files, links and modes, libc6 alone
+# as dependency, a changelog of the version, a hardened helper, a removal
+# that leaves /opt, and lintian tags only with a written reason.
 set -eu
 deb=$1
 fail=0
@@ -38,11 +37,10 @@ gzip -dc "$work/usr/share/doc/qeodmfs-mount/changelog.gz" | head -n 1 | grep -Fq
 # no program built on it passes the control-flow check.
 hardening-check --nocfprotection "$work/usr/sbin/mount.qeodmfs" || fail=1
 
-# Removal gives back the system the package found: a root as Debian leaves
-# it, where /opt exists but belongs to no package (base-files makes it).
-# Later /opt/KELD/bin holds the configuration tool of another package,
-# which keeps /opt/KELD. Not root, dpkg runs under fakeroot, which
-# devscripts brings.
+# Removal gives back the root the package found, where /opt belongs to no
+# package (base-files makes it); later another package's configuration
+# tool in /opt/KELD/bin keeps /opt/KELD. Not root, dpkg runs under
+# fakeroot, which devscripts brings.
 root=$work/root
 mkdir -p "$root/opt" "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates"
 touch "$root/var/lib/dpkg/status" "$root/var/lib/dpkg/available"

@@ -1,6 +1,8 @@
 // The option parsers, each run in a child: they exit, and they change
-// process-wide state (getopt's, rw_given, the environment).
+// process-wide state (getopt's, rw_given, the environment). Then the
+// options string of the table's entry.
 #include "mount/mount_opts.h"
+#include "mount/mtab.h"
 
 #include <gtest/gtest.h>
 
@@ -8,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "run_child.h"
@@ -79,10 +82,8 @@ TEST(MountOptsTest, CommandLineAndEnvironment)
             std::printf("0x%" PRIx64 " rw=%d %s\n", mask, rw_given, left ? left : "-");
             return 0;
         });
-        const std::string what = testing::PrintToString(c.args) + " " + (c.env ? c.env : "-");
-        EXPECT_EQ(r.status, c.status) << what;
-        EXPECT_EQ(r.out, c.out) << what;
-        EXPECT_EQ(r.err, c.err) << what;
+        EXPECT_EQ(std::tuple(r.status, r.out, r.err), std::tuple(c.status, c.out, c.err))
+            << testing::PrintToString(c.args) << " " << (c.env ? c.env : "-");
     }
 }
 
@@ -96,6 +97,29 @@ TEST(MountOptsTest, ADamagedTableIsRefused)
     });
     EXPECT_EQ(r.status, 255);
     EXPECT_EQ(r.err, "ODM mount ERROR T-41-1-0-0-5 sanity check fails\n");
+}
+
+// Table order whatever the mask, no "wait", smartsync by default; longest
+// first, so that each row shows the string built afresh.
+TEST(MtabOptionsTest, WordsComeInTableOrder)
+{
+    const struct {
+        const char* words;
+        std::uint64_t mask;
+        int rw;
+    } cases[] = {
+        {"nocluster,cluster,exclusive,cluster_bypass,nosmartsync,smartsync", 0x7f, 0},
+        {"rw,cluster_bypass,smartsync", 0x1c, 1}, {"rw,exclusive,nosmartsync", 0x60, 1},
+        {"cluster,smartsync", 0x2, 0}, {"smartsync", 0x4, 0},
+    };
+    for (const auto& c : cases) {
+        rw_given = c.rw;
+        int mount_flags = 0;
+        const char* options = nullptr;
+        mtab_options(&options, mount_flags, c.mask);
+        EXPECT_STREQ(options, c.words);
+        EXPECT_EQ(mount_flags, 0);
+    }
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "msg/msg.h"
 #include "msg/msg_format.h"
@@ -136,8 +137,7 @@ TEST(MsgReportTest, ReportingFunctions)
     };
     for (const auto& c : cases) {
         const child_result r = in_child(c.report);
-        EXPECT_EQ(r.status, c.status) << c.err;
-        EXPECT_EQ(r.err, c.err);
+        EXPECT_EQ(std::pair(r.status, r.err), std::pair(c.status, std::string(c.err)));
     }
 }
 
