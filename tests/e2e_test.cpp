@@ -187,8 +187,9 @@ TEST_F(TheTableForms, FailedAppendIsLetPass)
                 {.entry = std::nullopt, .calls = 1});
 }
 
-// The largest file-size limit the helper may take is the hard one, or none
-// for root. A line cut short by it, or by a full file system, is taken back.
+// The helper takes the largest file-size limit it may: the hard one, or
+// none with CAP_SYS_RESOURCE. A line cut short by it, or by a full file
+// system, is taken back.
 TEST_F(TheTableForms, AppendCutShortIsTakenBack)
 {
     std::string table;  // 40 lines of 25 bytes
@@ -198,7 +199,7 @@ TEST_F(TheTableForms, AppendCutShortIsTakenBack)
     const std::string page = table + table + table + table + std::string(89, '#') + "\n";
     const struct {
         std::string table, setup;
-        std::vector<std::string> results;  // without root, then as root
+        std::vector<std::string> results;  // the limit kept, or lifted by CAP_SYS_RESOURCE
     } cases[] = {
         {table, "ulimit -f 2;", {table, table + CLUSTER}},  // 512-byte blocks: 24 of the line
         {table, "ulimit -S -f 2;", {table + CLUSTER}},
