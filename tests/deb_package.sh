@@ -44,8 +44,7 @@ hardening-check --nocfprotection "$work/usr/sbin/mount.qeodmfs" || fail=1
 root=$work/root
 mkdir -p "$root/opt" "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates"
 touch "$root/var/lib/dpkg/status" "$root/var/lib/dpkg/available"
-as_root=
-[ "$(id -u)" -eq 0 ] || as_root=fakeroot
+as_root=$([ "$(id -u)" -eq 0 ] || echo fakeroot)
 in_root() {
     $as_root dpkg --root="$root" --log="$work/dpkg.log" --force-depends --force-not-root \
         "$@" >"$work/dpkg.out" 2>&1 || problem "$(cat "$work/dpkg.out")"

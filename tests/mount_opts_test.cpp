@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "run_child.h"
@@ -35,13 +36,10 @@ TEST(MountOptsTest, CommandLineAndEnvironment)
     } cases[] = {
         // Each word's bit. Values and an empty last word are ignored, as are ro and noauto.
         {{"-o", "nocluster"}, "0x1 rw=0 -\n", "", nullptr, 0},
-        {{"-o", "cluster,"}, "0x2 rw=0 -\n", "", nullptr, 0},
-        {{"-o", "exclusive=1"}, "0x40 rw=0 -\n", "", nullptr, 0},
-        {{"-o", "cluster_bypass,ro,noauto"}, "0x8 rw=0 -\n", "", nullptr, 0},
-        {{"-o", "wait,wait"}, "0x4 rw=0 -\n", "", nullptr, 0},
-        {{"-o", "rw"}, "0x0 rw=1 -\n", "", nullptr, 0},
-        {{"-o", "nosmartsync"}, "0x20 rw=0 -\n", "", nullptr, 0},
-        {{"-o", "smartsync,cluster=yes"}, "0x12 rw=0 -\n", "", nullptr, 0},
+        {{"-o", "exclusive=1,ro,noauto"}, "0x40 rw=0 -\n", "", nullptr, 0},
+        {{"-o", "cluster_bypass,wait,wait"}, "0xc rw=0 -\n", "", nullptr, 0},
+        {{"-o", "nosmartsync,rw"}, "0x20 rw=1 -\n", "", nullptr, 0},
+        {{"-o", "smartsync,cluster=yes,"}, "0x12 rw=0 -\n", "", nullptr, 0},
         {{"-o", ""}, "0x0 rw=0 \n", "", "", 0},
         // Every -o, then the variable, which is cut in place. Other letters
         // and operands are ignored.
@@ -87,16 +85,19 @@ TEST(MountOptsTest, CommandLineAndEnvironment)
     }
 }
 
+// A row numbered below its place, and one numbered above it.
 TEST(MountOptsTest, ADamagedTableIsRefused)
 {
-    const child_result r = in_child([] {
-        auto table = mount_opts;
-        std::swap(table[ROW_RW], table[ROW_RO]);
-        check_table(table);
-        return 0;
-    });
-    EXPECT_EQ(r.status, 255);
-    EXPECT_EQ(r.err, "ODM mount ERROR T-41-1-0-0-5 sanity check fails\n");
+    for (const auto& damage : {std::pair{ROW_RO, ROW_RW}, std::pair{ROW_RW, ROW_RO}}) {
+        const child_result r = in_child([damage] {
+            auto table = mount_opts;
+            table[damage.first].index = damage.second;
+            check_table(table);
+            return 0;
+        });
+        EXPECT_EQ(std::pair(r.status, r.err),
+                  std::pair(255, std::string("ODM mount ERROR T-41-1-0-0-5 sanity check fails\n")));
+    }
 }
 
 // Table order whatever the mask, no "wait", smartsync by default; longest

@@ -121,9 +121,10 @@ TEST(MsgReportTest, ReportingFunctions)
          },
          "ODM mount WARNUNG T-41-1-0-0-10 Prozess f\xc3\xbcr x kann nicht gestartet werden\n"
          "ODM mount INFO T-41-1-0-0-9 i\n", 0},
-        // INFO's own word, which no translation so far changes.
-        {[] { setenv("NLSPATH", WORDS_CATALOG_DIR "/%N", 1); info("ODM:mount:9:i"); return 0; },
-         "ODM mount HINWEIS T-41-1-0-0-9 i\n", 0},
+        // INFO's own word, which no translation so far changes; a word is cut at 62 bytes.
+        {[] { setenv("NLSPATH", WORDS_CATALOG_DIR "/%N", 1); info("ODM:mount:9:i"); warn("ODM:mount:9:w"); return 0; },
+         "ODM mount HINWEIS T-41-1-0-0-9 i\nODM mount W012345678901234567890123456789012345678901234567890123456789"
+         "0 T-41-1-0-0-9 w\n", 0},
         // msg_errno takes its catalogue from LANG, the others from
         // LC_MESSAGES; the errno text is always the C library's.
         {[] {

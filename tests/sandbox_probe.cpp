@@ -1,6 +1,8 @@
 // mount(2) of qeodmfs on /dev/odm as another caller might: a record of the
 // VERSION and SIZE given, or no data at all. Prints the outcome.
-// --link-errno N PROGRAM ARGS...: PROGRAM with link(2) failing with errno N.
+// --errno link|lstat N PROGRAM ARGS...: PROGRAM with link(2), or lstat(2),
+// failing with errno N.
+#include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/mount.h>
@@ -18,16 +20,23 @@
 
 int main(int argc, char** argv)
 {
-    if (argc > 3 && std::strcmp(argv[1], "--link-errno") == 0) {
+    if (argc > 4 && std::strcmp(argv[1], "--errno") == 0) {
+        const bool link = std::strcmp(argv[2], "link") == 0;
+        const std::uint32_t nr = link ? SYS_link : SYS_newfstatat;
+        // lstat is newfstatat that does not follow links; the loader's fstat
+        // passes AT_EMPTY_PATH. A link needs no second look: nr again.
+        const std::uint32_t arg = link ? offsetof(seccomp_data, nr) : offsetof(seccomp_data, args[3]);
         sock_filter filter[] = {
             {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
-            {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, SYS_link},
-            {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(strtoul(argv[2], nullptr, 10))},
+            {BPF_JMP | BPF_JEQ | BPF_K, 0, 3, nr},
+            {BPF_LD | BPF_W | BPF_ABS, 0, 0, arg},
+            {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, link ? nr : AT_SYMLINK_NOFOLLOW},
+            {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(strtoul(argv[3], nullptr, 10))},
             {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
         };
         const sock_fprog program{std::size(filter), filter};
         if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0)
-            execv(argv[3], argv + 3);
+            execv(argv[4], argv + 4);
         return 127;
     }
     std::uint32_t record[8] = {};  // version, size, then nothing the module checks
