@@ -45,6 +45,18 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${changelog_gz}
     DESTINATION ${ODM_DEB_DOCDIR}
     COMPONENT deb
     EXCLUDE_FROM_ALL)
+# For systemd: the fstab mount of /dev/odm waits for the module, and /dev/odm
+# is made at every boot. Both are applied by the maintainer scripts at once.
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/dev-odm.mount.conf
+    DESTINATION /lib/systemd/system/dev-odm.mount.d
+    RENAME ${ODM_DEB_NAME}.conf
+    COMPONENT deb
+    EXCLUDE_FROM_ALL)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/tmpfiles.conf
+    DESTINATION lib/tmpfiles.d
+    RENAME ${ODM_DEB_NAME}.conf
+    COMPONENT deb
+    EXCLUDE_FROM_ALL)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/lintian-overrides
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides
     RENAME ${ODM_DEB_NAME}
@@ -74,6 +86,8 @@ set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # Dependencies come from the binary, through dpkg-shlibdeps.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/packaging/postinst ${PROJECT_SOURCE_DIR}/packaging/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 # A staging tree under DESTDIR, so that the catalogues' absolute path

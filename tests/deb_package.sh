@@ -7,7 +7,7 @@
 set -eu
 deb=$1
 fail=0
-work=$(mktemp -d "$(dirname "$deb")/check.XXXXXX")
+work=$(mktemp -d "$(cd "$(dirname "$deb")" && pwd)/check.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 problem() { printf '%s\n' "$@"; fail=1; }
 
@@ -17,10 +17,12 @@ echo "$depends" | grep -Eq '^libc6( \(>= [0-9.]+\))?$' || problem "Depends: $dep
 # Mode, owner and path of everything but directories.
 contents=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ { $3 = $4 = $5 = ""; print }' |
     tr -s ' ' | LC_ALL=C sort -k3)
-expected="-rw-r--r-- root/root ./opt/KELD/messages/de_DE.UTF-8/KELDodm.cat
+expected="-rw-r--r-- root/root ./lib/systemd/system/dev-odm.mount.d/qeodmfs-mount.conf
+-rw-r--r-- root/root ./opt/KELD/messages/de_DE.UTF-8/KELDodm.cat
 lrwxrwxrwx root/root ./opt/KELD/messages/de_DE.utf8 -> de_DE.UTF-8
 -rw-r--r-- root/root ./opt/KELD/messages/en_US.UTF-8/KELDodm.cat
 lrwxrwxrwx root/root ./opt/KELD/messages/en_US.utf8 -> en_US.UTF-8
+-rw-r--r-- root/root ./usr/lib/tmpfiles.d/qeodmfs-mount.conf
 -rwxr-xr-x root/root ./usr/sbin/mount.qeodmfs
 -rw-r--r-- root/root ./usr/share/doc/qeodmfs-mount/changelog.gz
 -rw-r--r-- root/root ./usr/share/doc/qeodmfs-mount/copyright
@@ -40,13 +42,15 @@ hardening-check --nocfprotection "$work/usr/sbin/mount.qeodmfs" || fail=1
 # Removal gives back the root the package found, where /opt belongs to no
 # package (base-files makes it); later another package's configuration
 # tool in /opt/KELD/bin keeps /opt/KELD. Not root, dpkg runs under
-# fakeroot, which devscripts brings.
+# fakeroot, which devscripts brings. The root has no shell: the maintainer
+# scripts run outside it, with DPKG_ROOT naming it, as they allow.
 root=$work/root
 mkdir -p "$root/opt" "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates"
 touch "$root/var/lib/dpkg/status" "$root/var/lib/dpkg/available"
 as_root=$([ "$(id -u)" -eq 0 ] || echo fakeroot)
 in_root() {
     $as_root dpkg --root="$root" --log="$work/dpkg.log" --force-depends --force-not-root \
+        --force-script-chrootless \
         "$@" >"$work/dpkg.out" 2>&1 || problem "$(cat "$work/dpkg.out")"
 }
 left_in_opt() {
