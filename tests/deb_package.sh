@@ -37,7 +37,14 @@ gzip -dc "$work/usr/share/doc/qeodmfs-mount/changelog.gz" | head -n 1 | grep -Fq
 
 # Debian 12's own start files (Scrt1.o, crti.o) carry no IBT/SHSTK mark, so
 # no program built on it passes the control-flow check.
-hardening-check --nocfprotection "$work/usr/sbin/mount.qeodmfs" || fail=1
+helper=$work/usr/sbin/mount.qeodmfs
+hardening-check --nocfprotection "$helper" || fail=1
+# Start-up as a C program's: no text relocations, and no static initialiser
+# beyond the compiler's frame_dummy, run at every start.
+dyn=$(readelf -d "$helper")
+echo "$dyn" | grep -q TEXTREL && problem "$helper relocates its text"
+init=$(echo "$dyn" | sed -n 's/.*(INIT_ARRAYSZ) *\([0-9]*\) (bytes)/\1/p')
+[ "${init:-0}" -le 8 ] || problem "$helper has $((init / 8)) .init_array entries, not 1"
 
 # Removal gives back the root the package found, where /opt belongs to no
 # package (base-files makes it); later another package's configuration
