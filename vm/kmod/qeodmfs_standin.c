@@ -8,6 +8,8 @@
  * It has no file-system alias, so the kernel never loads it on demand: it
  * comes in through /etc/modules-load.d, as a vendor module does.
  */
+#define pr_fmt(fmt) KBUILD_MODNAME ": " fmt
+
 #include <linux/fs.h>
 #include <linux/kernel.h>
 #include <linux/module.h>
@@ -74,8 +76,7 @@ static ssize_t control_write(struct file *file, const char __user *buf,
 	memset(control, 0, sizeof(control));
 	if (copy_from_user(control, buf, min(take, sizeof(control) - 1)))
 		return -EFAULT;
-	pr_info("qeodmfs_standin: control file: %zu of %zu bytes taken\n",
-		take, len);
+	pr_info("control file: %zu of %zu bytes taken\n", take, len);
 	return take;
 }
 
@@ -104,11 +105,11 @@ static int qeodm_check(const struct qeodm_record *rec)
 {
 	if (!rec) {
 		last_record[0] = '\0';
-		pr_info("qeodmfs_standin: no record\n");
+		pr_info("no record\n");
 		return -EINVAL;
 	}
 	*bin2hex(last_record, rec, sizeof(*rec)) = '\0';
-	pr_info("qeodmfs_standin: version %u, size %u, requested %#llx, available %#llx\n",
+	pr_info("version %u, size %u, requested %#llx, available %#llx\n",
 		rec->version, rec->size, rec->requested, rec->available);
 
 	if (rec->version != QEODM_RECORD_VERSION || rec->size != sizeof(*rec))
