@@ -42,7 +42,7 @@ MODULE_PARM_DESC(last_errno, "what the last call was answered with (0: mounted)"
 
 static char control[16];
 module_param_string(control, control, sizeof(control), 0444);
-MODULE_PARM_DESC(control, "what the last write to a control file left in it");
+MODULE_PARM_DESC(control, "what the last mount's control file took");
 
 /* What the tests set. */
 static int mount_errno;
@@ -131,6 +131,8 @@ static struct dentry *qeodm_mount(struct file_system_type *type, int flags,
 	root = mount_nodev(type, flags, data, qeodm_fill_super);
 	if (IS_ERR(root))
 		last_errno = -PTR_ERR(root);
+	else
+		control[0] = '\0';	/* a new control file, not yet written */
 	return root;
 }
 
