@@ -85,6 +85,7 @@ mkdir -p "$layer/vm" "$layer/usr/lib/modules/$kver/extra" "$layer/etc/systemd/sy
 cp "$deb" "$layer/vm/qeodmfs-mount.deb"
 cp "$src/vm/preinit.sh" "$layer/vm/preinit"
 cp "$scenarios" "$layer/vm/scenarios.sh"
+cp -r "$src/tests/vm/expected" "$layer/vm/expected"
 g++ -O2 -Wl,--as-needed -o "$layer/vm/probe" "$src/tests/sandbox_probe.cpp"
 cp "$work/kmod/qeodmfs_standin.ko" "$layer/usr/lib/modules/$kver/extra/"
 cp "$src/vm/scenarios.service" "$layer/etc/systemd/system/"
