@@ -19,5 +19,6 @@ void mtab_unlock();
 // left as it is: the words never change how the kernel mounts.
 void mtab_options(const char** out, int& mount_flags, std::uint64_t mask);
 // Appends the entry after a successful mount; closes the table either way.
-// An append that fails leaves the table as long as it was.
+// An append cut short leaves the table as long as it was; a line the file
+// holds whole stays, whatever closing the table reports.
 void mtab_add(int mount_result);
