@@ -34,12 +34,13 @@ TEST(MountOptsTest, CommandLineAndEnvironment)
         const char* env;
         int status;
     } cases[] = {
-        // Each word's bit. Values and an empty last word are ignored, as are ro and noauto.
-        {{"-o", "nocluster"}, "0x1 rw=0 -\n", "", nullptr, 0},
-        {{"-o", "exclusive=1,ro,noauto"}, "0x40 rw=0 -\n", "", nullptr, 0},
+        // Each word's bit, "wait" beside every other. Values and an empty
+        // last word are ignored, as are ro and noauto.
+        {{"-o", "nocluster,wait"}, "0x5 rw=0 -\n", "", nullptr, 0},
+        {{"-o", "exclusive=1,ro,noauto,wait"}, "0x44 rw=0 -\n", "", nullptr, 0},
         {{"-o", "cluster_bypass,wait,wait"}, "0xc rw=0 -\n", "", nullptr, 0},
-        {{"-o", "nosmartsync,rw"}, "0x20 rw=1 -\n", "", nullptr, 0},
-        {{"-o", "smartsync,cluster=yes,"}, "0x12 rw=0 -\n", "", nullptr, 0},
+        {{"-o", "wait,nosmartsync,rw"}, "0x24 rw=1 -\n", "", nullptr, 0},
+        {{"-o", "smartsync,cluster=yes,wait,"}, "0x16 rw=0 -\n", "", nullptr, 0},
         {{"-o", ""}, "0x0 rw=0 \n", "", "", 0},
         // Every -o, then the variable, which is cut in place. Other letters
         // and operands are ignored.
