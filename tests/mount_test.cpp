@@ -1,11 +1,17 @@
 // The option parsers, each run in a child: they exit, and they change
 // process-wide state (getopt's, rw_given, the environment). Then the
-// options string of the table's entry.
+// options string of the table's entry, and the control file's write.
 #include "mount/mount_opts.h"
 #include "mount/mtab.h"
+#include "mount/post_mount.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -122,6 +128,34 @@ TEST(MtabOptionsTest, WordsComeInTableOrder)
         EXPECT_STREQ(options, c.words);
         EXPECT_EQ(mount_flags, 0);
     }
+}
+
+// A file-size limit of 1 byte cuts "on" short after its first; the warning
+// goes through a pipe, which no such limit cuts.
+TEST(PostMountTest, SwitchCutShortIsWarnedAbout)
+{
+    std::string dir = testing::TempDir() + "switch-XXXXXX";
+    ASSERT_NE(mkdtemp(dir.data()), nullptr);
+    const std::string file = dir + "/cluster";
+    close(open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    const child_result r = in_child([&] {
+        int err[2];
+        rlimit limit{};
+        if (pipe(err) != 0 || dup2(err[1], STDERR_FILENO) < 0 || getrlimit(RLIMIT_FSIZE, &limit))
+            return -1;
+        const rlimit one{1, limit.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &one);
+        const int status = cluster_switch_on(dir.c_str());
+        setrlimit(RLIMIT_FSIZE, &limit);
+        close(err[1]);
+        close(STDERR_FILENO);
+        std::fputs(drain(err[0]).c_str(), stdout);
+        return status;
+    });
+    EXPECT_EQ(std::tuple(r.status, r.out, drain(open(file.c_str(), O_RDONLY | O_CLOEXEC))),
+              std::tuple(EBADF, "ODM mount WARNING T-41-1-0-0-8 could not write " + file + "\n", "o"));
+    unlink(file.c_str());
+    rmdir(dir.c_str());
 }
 
 }  // namespace
