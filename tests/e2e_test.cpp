@@ -25,13 +25,14 @@ constexpr char RECORD_0[] = "02000000200000000000000000000000" "4b00000000000000
 constexpr char RECORD_2[] = "02000000200000000200000000000000" "4b000000000000000000000000000000";
 constexpr char RECORD_24[] = "02000000200000002400000000000000" "4b000000000000000000000000000000";
 
-// Shell text that starts a helper and, once FILE (which may name $pid)
-// exists, does THEN to it, or stops waiting should the helper end first.
-std::string once(const std::string& file, const std::string& then = "kill -KILL $pid")
+// Shell text that starts a helper and, once UNTIL holds (it may name $pid),
+// does THEN to it, or stops waiting should the helper end first.
+std::string once(const std::string& until, const std::string& then = "kill -KILL $pid")
 {
-    return "{ \"$0\" -o cluster & pid=$!; while [ ! -e " + file + " ] && kill -0 $pid; do sleep 0.01; done; " + then +
-           "; wait $pid; } 2>/dev/null; echo $?;";
+    return "{ \"$0\" -o cluster & pid=$!; until " + until + " || ! kill -0 $pid; do sleep 0.01; done; " +
+           then + "; wait $pid; } 2>/dev/null; echo $?;";
 }
+const std::string HELD = "[ -e /dev/.odm-sandbox/held.$pid ]";  // --hold-mount has it
 
 // Shell text that makes SCRIPT the configuration tool.
 std::string tool(const std::string& script)
@@ -281,7 +282,7 @@ TEST_F(SignalWaitsForTheLock, TermInsideTheMountCall)
 {
     const std::string then =
         "sed -n 's/^SigBlk:\t//p' /proc/$pid/status; kill -TERM $pid; kill -STOP $pid; kill -CONT $pid";
-    expect_left(run({.scene = {"--hold-mount"}, .setup = once("/dev/.odm-sandbox/held.$pid", then) + "exit;",
+    expect_left(run({.scene = {"--hold-mount"}, .setup = once(HELD, then) + "exit;",
                      .out = "fffffffe7ffbfeff\n143\n"}), {.entry = CLUSTER, .calls = 2});
 }
 
@@ -300,20 +301,24 @@ TEST_F(SignalWaitsForTheLock, BrokenPipeOfAReport)
                      .status = 141}), {.calls = 1});
 }
 
+// Not while the helper sleeps, waiting for another's lock: TERM ends it at
+// once, and its temporary stays, which only its owner may read or write.
+TEST_F(SignalWaitsForTheLock, NotWhileWaitingForAnothersLock)
+{
+    const std::string then = "sed -n 's/^SigBlk:\t//p' /proc/$pid/status; kill -TERM $pid";
+    expect_left(run({.scene = {"--mtab-lock"},
+                     .setup = "umask 0;" + once("grep -q nanosleep /proc/$pid/wchan", then) +
+                              "stat -c %a /etc/mtab~$pid; exit;",
+                     .out = "0000000000000000\n143\n600\n"}), {.left = 2});
+}
+
 // SIGKILL at each point, then what the next helper finds.
 using KilledAt = E2eTest;
-
-// The temporary stays, and only its owner may read or write it.
-TEST_F(KilledAt, WaitingForTheLock)
-{
-    expect_left(run({.scene = {"--mtab-lock"}, .setup = "umask 0;" + once("/etc/mtab~$pid") +
-                     "stat -c %a /etc/mtab~$pid; exit;", .out = "137\n600\n"}), {.left = 2});
-}
 
 // Its lock stays, so the next gives up.
 TEST_F(KilledAt, TheMountCall)
 {
-    expect_left(run({.scene = {"--hold-mount", "--fast-sleep"}, .setup = once("/dev/.odm-sandbox/held.$pid"),
+    expect_left(run({.scene = {"--hold-mount", "--fast-sleep"}, .setup = once(HELD),
                      .args = {}, .status = 1, .out = "137\n"}), {.calls = 1, .left = 2, .sleeps = 4});
 }
 
