@@ -34,17 +34,19 @@ std::string once(const std::string& until, const std::string& then = "kill -KILL
 }
 const std::string HELD = "[ -e /dev/.odm-sandbox/held.$pid ]";  // --hold-mount has it
 
-// Shell text that makes SCRIPT the configuration tool.
-std::string tool(const std::string& script)
+// Shell text that makes SCRIPT the configuration tool, with MODE.
+std::string tool(const std::string& script, const std::string& mode = "755")
 {
     return "mkdir -p /opt/KELD/bin; printf '#!/bin/sh\\n%s\\n' '" + script +
-           "' >/opt/KELD/bin/tolvane; chmod 755 /opt/KELD/bin/tolvane;";
+           "' >/opt/KELD/bin/tolvane; chmod " + mode + " /opt/KELD/bin/tolvane;";
 }
 
-// The helper exec'd by a shell after SETUP ($$ is its pid), and what every
-// run shows: status, output, and how each module mount and tool run was made.
+// The helper exec'd by a shell after SETUP ($$ is its pid) on a table that
+// holds TABLE, and what every run shows: status, output, and how each
+// module mount and tool run was made.
 struct helper_run {
-    std::vector<std::string> scene{};
+    std::vector<std::string> scene{};  // odm-sandbox's options
+    std::string table = OLD;
     std::string setup{};
     std::vector<std::string> args{"-o", "cluster"};
     int status = 0;
@@ -65,9 +67,10 @@ class E2eTest : public SandboxTest {
 protected:
     static sandbox_result run(const helper_run& c)
     {
-        std::vector<std::string> scene{"--timeout", "10", "--mtab-content", OLD};
+        std::vector<std::string> scene{"--timeout", "10"};
         scene.insert(scene.end(), c.scene.begin(), c.scene.end());
-        std::vector<std::string> command{"sh", "-c", c.setup + R"( exec "$0" "$@")", HELPER_PATH};
+        const std::string script = R"(printf %s "$1" >/etc/mtab; shift; )" + c.setup + R"( exec "$0" "$@")";
+        std::vector<std::string> command{"sh", "-c", script, HELPER_PATH, c.table};
         command.insert(command.end(), c.args.begin(), c.args.end());
         sandbox_result r = run_sandbox(scene, command);
         EXPECT_EQ(std::tuple(r.status, r.out, r.err), std::tuple(c.status, c.out, c.err));
@@ -117,7 +120,7 @@ TEST_F(BeforeTheEntry, RefusedMountLeavesNoEntryAndNoLock)
 // So does one that cannot even be looked at (EACCES).
 TEST_F(BeforeTheEntry, MissingTableEndsTheRun)
 {
-    expect_left(run({.scene = {"--mtab", "missing"}, .args = {}, .status = 1}), {.entry = std::nullopt});
+    expect_left(run({.setup = "rm /etc/mtab;", .args = {}, .status = 1}), {.entry = std::nullopt});
     expect_left(run({.setup = "exec " PROBE_PATH R"( --errno lstat 13 "$0" "$@";)", .args = {}, .status = 1}), {});
 }
 
@@ -126,7 +129,7 @@ TEST_F(BeforeTheEntry, MissingTableEndsTheRun)
 // above EEXIST or below it, ends the run at once.
 TEST_F(BeforeTheEntry, OnlyALockHeldElsewhereIsWaitedFor)
 {
-    expect_left(run({.scene = {"--mtab-lock", "--fast-sleep"}, .args = {}, .status = 1}), {.left = 2, .sleeps = 4});
+    expect_left(run({.scene = {"--fast-sleep"}, .setup = ": >/etc/mtab~;", .args = {}, .status = 1}), {.left = 2, .sleeps = 4});
     expect_left(run({.scene = {"--fast-sleep"}, .setup = ": >/etc/mtab~$$; mount --bind /dev/null /etc/mtab~$$;",
                      .args = {}, .status = 1}), {.left = 1});  // EXDEV
     expect_left(run({.scene = {"--fast-sleep"}, .setup = "exec " PROBE_PATH R"( --errno link 1 "$0" "$@";)",
@@ -145,7 +148,7 @@ TEST_F(BeforeTheEntry, MissingMountPointIsReportedWhateverTheCallerClosed)
                  {"exec 1>&- 2>&-;", 255, ""}, {"exec 0<&- 1>&- 2>&-;", 255, ""},
                  {"umount -n /dev/null; rm /dev/null; exec 2>&-;", 1, ""}};
     for (const auto& c : cases)
-        expect_left(run({.scene = {"--no-odm"}, .setup = c.closed, .status = c.status, .err = c.err}), {});
+        expect_left(run({.setup = std::string("rmdir /dev/odm;") + c.closed, .status = c.status, .err = c.err}), {});
 }
 
 // Out of descriptors once the table is open: a temporary left by an earlier
@@ -174,7 +177,7 @@ TEST_F(TheTableForms, WaitIsForTheModuleAndSmartsyncForTheTable)
 
 TEST_F(TheTableForms, LinkedTableIsNeitherLockedNorWritten)
 {
-    expect_left(run({.scene = {"--mtab", "symlink", "--tolvane-record"}, .args = {}, .record = RECORD_0,
+    expect_left(run({.scene = {"--tolvane-record"}, .setup = "ln -sf /proc/mounts /etc/mtab;", .args = {}, .record = RECORD_0,
                      .locked = false}), {.entry = std::nullopt, .calls = 1});
 }
 
@@ -200,7 +203,7 @@ TEST_F(TheTableForms, OnlyATornLineIsTakenBack)
         {OLD, "exec <&- " PROBE_PATH R"( --errno close 5 "$0" "$@";)", {OLD + CLUSTER}},
     };
     for (const auto& c : cases) {
-        const sandbox_result r = run({.scene = {"--mtab-content", c.table}, .setup = c.setup});
+        const sandbox_result r = run({.table = c.table, .setup = c.setup});
         expect_left(r, {.entry = std::nullopt, .calls = 1});
         const json& content = r.report.at("mtab").at("content");
         EXPECT_NE(std::find(c.results.begin(), c.results.end(), content), c.results.end()) << c.setup << content;
@@ -250,7 +253,7 @@ TEST_F(AfterTheEntry, FailedForkIsWarnedAbout)
 
 TEST_F(AfterTheEntry, ChildWhoseExecFailedWritesTheSwitchToo)
 {
-    expect_after({.scene = {"--tolvane-noexec"}}, 0, 2);
+    expect_after({.setup = tool("exit 0", "644")}, 0, 2);
 }
 
 // The caller's own child ends while the tool still runs, and must not be
@@ -306,8 +309,7 @@ TEST_F(SignalWaitsForTheLock, BrokenPipeOfAReport)
 TEST_F(SignalWaitsForTheLock, NotWhileWaitingForAnothersLock)
 {
     const std::string then = "sed -n 's/^SigBlk:\t//p' /proc/$pid/status; kill -TERM $pid";
-    expect_left(run({.scene = {"--mtab-lock"},
-                     .setup = "umask 0;" + once("grep -q nanosleep /proc/$pid/wchan", then) +
+    expect_left(run({.setup = ": >/etc/mtab~; umask 0;" + once("grep -q nanosleep /proc/$pid/wchan", then) +
                               "stat -c %a /etc/mtab~$pid; exit;",
                      .out = "0000000000000000\n143\n600\n"}), {.left = 2});
 }

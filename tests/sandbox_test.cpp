@@ -25,11 +25,12 @@ TEST_F(SandboxTest, NothingReachesTheRealSystem)
 {
     const std::string before = real_system();
     const sandbox_result r = run_sandbox(
-        {"--tolvane", "/bin/true", "--helper", HELPER_PATH, "--mtab-content", "x y z 0 0\n"},
-        {"sh", "-c", HELPER_PATH " -o cluster; " PROBE_PATH " 2 32; echo on > /dev/odm/cluster; umount /dev/odm;"
-                     "echo x > /etc/odm-sandbox-leak; touch /etc/mtab~ /opt/odm-sandbox-leak;"
-                     "mkdir -p /opt/KELD/bin /dev/scratch; touch /dev/odm-sandbox-leak /dev/null;"
-                     "mount -t tmpfs scratch /dev/scratch"});
+        {}, {"sh", "-c",
+             "mkdir -p /opt/KELD/bin /dev/scratch; cp /bin/true /opt/KELD/bin/tolvane; "
+             "cp " HELPER_PATH " /sbin/mount.qeodmfs; echo 'x y z 0 0' >/etc/mtab; "
+             HELPER_PATH " -o cluster; " PROBE_PATH " 2 32; echo on >/dev/odm/cluster; "
+             "umount /dev/odm; echo x >/etc/odm-sandbox-leak; touch /etc/mtab~ /dev/null "
+             "/opt/odm-sandbox-leak /dev/odm-sandbox-leak; mount -t tmpfs scratch /dev/scratch"});
     EXPECT_NE(r.report, nullptr) << r.err;
     EXPECT_EQ(real_system(), before);
 }
