@@ -179,11 +179,9 @@ void to_json(json& j, const tool_run& t)
 
 void to_json(json& j, const scene& sc)
 {
-    j = {{"mtab", MTAB_SCENES[static_cast<int>(sc.mtab)]}, {"mtab_locked", sc.mtab_locked},
-         {"odm", sc.odm_present}, {"tolvane", TOOL_SCENES[static_cast<int>(sc.tool)]},
-         {"messages", sc.messages_dir}, {"control", CONTROL_SCENES[static_cast<int>(sc.control)]},
+    j = {{"tolvane_record", sc.tool_record}, {"control", CONTROL_SCENES[static_cast<int>(sc.control)]},
          {"mount_errno", errno_of(sc.mount_errno)}, {"fork_errno", errno_of(sc.fork_errno)},
-         {"hold_mount", sc.hold_mount}, {"helper", sc.helper}, {"fast_sleep", sc.fast_sleep}};
+         {"hold_mount", sc.hold_mount}, {"fast_sleep", sc.fast_sleep}};
 }
 
 int exit_status(const command_end& c)

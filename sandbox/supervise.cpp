@@ -80,7 +80,7 @@ trap_list traps(const scene& sc, module& mod, run_record& run)
     auto fork = [&run](listener& l) { answer_fork(l, run); };
     trap_list traps{{SYS_mount, [&mod](listener& l) { mod.answer_mount(l); }},
                     {SYS_umount2, [&mod](listener& l) { mod.answer_unmount(l); }}};
-    if (sc.tool == tool_scene::recorder)
+    if (sc.tool_record)
         traps.emplace_back(SYS_execve, [&run](listener& l) { answer_exec(l, run); });
     if (sc.fast_sleep)
         traps.insert(traps.end(), {{SYS_nanosleep, sleep}, {SYS_clock_nanosleep, sleep}});
