@@ -174,13 +174,18 @@ int kill_tree(pid_t child, int first, command_end& end)
 void record_end_state(run_record& run)
 {
     struct stat st {};
-    bool found = lstat(MTAB_PATH, &st) == 0;
-    run.mtab_kind = !found ? "missing" : S_ISLNK(st.st_mode) ? "symlink" : S_ISREG(st.st_mode) ? "file" : "other";
     std::error_code ec;
-    if (S_ISLNK(st.st_mode))
+    if (lstat(MTAB_PATH, &st) != 0) {
+        run.mtab_kind = "missing";
+    } else if (S_ISLNK(st.st_mode)) {
+        run.mtab_kind = "symlink";
         run.mtab_text = fs::read_symlink(MTAB_PATH, ec);
-    else if (S_ISREG(st.st_mode))
+    } else if (S_ISREG(st.st_mode)) {
+        run.mtab_kind = "file";
         run.mtab_text = read_file(MTAB_PATH);
+    } else {
+        run.mtab_kind = "other";
+    }
     for (const auto& entry : fs::directory_iterator("/etc", ec))
         if (is_lock_name(entry.path().filename().native()))
             run.lock_files.push_back(entry.path().filename());
