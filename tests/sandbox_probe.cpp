@@ -20,15 +20,12 @@
 
 int main(int argc, char** argv)
 {
-    // lstat is newfstatat that does not follow links; the loader's fstat
-    // passes AT_EMPTY_PATH. A link needs no second look: nr again. The
-    // loader gives up on a failed close, which a caller that closed standard
-    // input makes it do on 0.
+    // lstat is newfstatat that does not follow links; the loader's fstat passes
+    // AT_EMPTY_PATH. A link needs no second look: nr again. The loader gives up on a
+    // failed close, which a caller that closed standard input makes it do on 0.
     const struct {
         const char* name;
-        std::uint32_t nr, arg;
-        std::uint16_t test;
-        std::uint32_t value;
+        std::uint32_t nr, arg, test, value;
     } calls[] = {
         {"link", SYS_link, offsetof(seccomp_data, nr), BPF_JEQ, SYS_link},
         {"lstat", SYS_newfstatat, offsetof(seccomp_data, args[3]), BPF_JEQ, AT_SYMLINK_NOFOLLOW},
@@ -42,7 +39,7 @@ int main(int argc, char** argv)
             {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
             {BPF_JMP | BPF_JEQ | BPF_K, 0, 3, c.nr},
             {BPF_LD | BPF_W | BPF_ABS, 0, 0, c.arg},
-            {static_cast<std::uint16_t>(BPF_JMP | c.test | BPF_K), 0, 1, c.value},
+            {static_cast<std::uint16_t>(BPF_JMP | BPF_K | c.test), 0, 1, c.value},
             {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | err},
             {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
         };
