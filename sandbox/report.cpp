@@ -185,7 +185,8 @@ void to_json(json& j, const tool_run& t)
 
 void to_json(json& j, const scene& sc)
 {
-    j = {{"tolvane_record", sc.tool_record}, {"control", CONTROL_SCENES[static_cast<int>(sc.control)]},
+    j = {{"tolvane_record", sc.tool_record},
+         {"control", CONTROL_SCENES[static_cast<int>(sc.control)]},
          {"mount_errno", errno_of(sc.mount_errno)}, {"fork_errno", errno_of(sc.fork_errno)},
          {"hold_mount", sc.hold_mount}, {"fast_sleep", sc.fast_sleep}};
 }
