@@ -43,9 +43,9 @@ struct helper_run {
     std::string setup{};
     std::vector<std::string> args{"-o", "cluster"};
     int status = 0;
+    bool locked = true;  // the table locked and terminal signals ignored from mount(2) on
     // The record as hex: version 2, size 32, requested, available 0x4b, 8 reserved bytes.
     std::string record = "02000000200000000200000000000000" "4b000000000000000000000000000000";
-    bool locked = true;  // the table locked and terminal signals ignored from mount(2) on
     const char* kind = "file";           // what /etc/mtab is in the end
     std::optional<std::string> entry{};  // what the table gains; none: a line for each mount
     std::size_t calls = 1;               // mount calls the module answered
