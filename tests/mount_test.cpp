@@ -1,5 +1,5 @@
-// The option parsers, the table's options string and the control file's write, each
-// in a child: they exit, and change getopt's state, rw_given and the environment.
+// The option parsers, the table's options string and the control file's write. What exits
+// or changes getopt's state, rw_given or the environment runs in a child.
 #include "mount/mount_opts.h"
 #include "mount/mtab.h"
 #include "mount/post_mount.h"
