@@ -171,15 +171,19 @@ void mtab_add(int mount_result)
     mntent entry{const_cast<char*>(MOUNT_SOURCE), const_cast<char*>(MOUNT_POINT),
                  const_cast<char*>(MOUNT_TYPE), options, 0, 0};
     std::fseek(mtab, 0, SEEK_END);
-    // The length to take a torn line back to. stat rather than ftello: every
-    // import is bound at start, even for -L, and stat is one already.
-    struct stat st;
-    const off_t length = stat(MTAB_PATH, &st) == 0 ? st.st_size : -1;
+    const off_t start = ftello(mtab);
     const int added = addmntent(mtab, &entry);
-    // The line mostly reaches the file as the stream closes. Cut short (a
-    // full disk, a file-size limit), it is taken back whole, never left torn.
-    if (std::fclose(mtab) != 0 || added != 0) {
-        if (truncate(MTAB_PATH, length) != 0) {
+    // addmntent flushes the line. A flush that fails drops what it could not
+    // write and counts only what it did, so the line's end is known only once
+    // the flush has succeeded.
+    const off_t whole = added == 0 ? ftello(mtab) : -1;
+    // A close that reports a late write-back error (NFS, FUSE, quota) leaves
+    // a line the file holds whole; that one stays. Only a line cut short (a
+    // full disk, a file-size limit) is taken back, never left torn.
+    std::fclose(mtab);
+    struct stat st;
+    if (stat(MTAB_PATH, &st) == 0 && st.st_size != start && st.st_size != whole) {
+        if (truncate(MTAB_PATH, start) != 0) {
             // Nothing is left to try; the run goes on as after any failed entry.
         }
     }

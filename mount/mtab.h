@@ -15,9 +15,11 @@ void mtab_lock();
 // Removes the lock if this process took it, then lets the held-back signals
 // in; also runs at exit.
 void mtab_unlock();
-// Points *out at the options string for the table entry. mount_flags is
-// left as it is: the words never change how the kernel mounts.
+// Points *out at the options string for the table entry. mount_flags
+// belongs to the interface its callers use and is left as it is: the words
+// never change how the kernel mounts.
 void mtab_options(const char** out, int& mount_flags, std::uint64_t mask);
 // Appends the entry after a successful mount; closes the table either way.
-// An append that fails leaves the table as long as it was.
+// An append cut short leaves the table as long as it was; a line the file
+// holds whole stays, whatever closing the table reports.
 void mtab_add(int mount_result);

@@ -25,8 +25,8 @@ static_assert(offsetof(odm_mount_args, requested) == 8);
 static_assert(offsetof(odm_mount_args, available) == 16);
 static_assert(offsetof(odm_mount_args, reserved) == 24);
 
-// mount(2), with data_len and options accepted for the record only: the
-// options string is for the mount table, never for the kernel.
+// mount(2). data_len and options belong to the interface its callers use,
+// but the kernel gets neither: the options string is for the mount table.
 int do_mount(const char* source, const char* target, int mount_flags,
              const char* fstype, const void* data, std::size_t data_len,
              const char* options);

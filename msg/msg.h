@@ -6,6 +6,8 @@
 // KELDodm.cat catalogue when one is installed. An identifier that does not
 // resolve (a bare path, say) is used as it stands.
 //
+// Companion programs use info, warn_errno, msg_errno, msg_errno_texts and msg_format's use_catalog.
+//
 // Never include <err.h> or <error.h> where this header is visible: their
 // warn() would give ours C linkage, and error() would become an overload.
 #pragma once

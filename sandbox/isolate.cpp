@@ -138,27 +138,15 @@ void make_throwaway(std::vector<int>& held)
     mirror(real_opt, "/opt", "KELD");
 }
 
-void copy_program(const std::string& from, const std::string& given, const std::string& to)
-{
-    std::error_code ec;
-    if (!fs::copy_file(from, to, ec))
-        die("cannot copy %s to %s: %s", given.c_str(), to.c_str(), ec.message().c_str());
-    if (chmod(to.c_str(), 0755) != 0)
-        fail("chmod", to);
-}
-
 }  // namespace
 
 void isolate(const scene& sc)
 {
-    // Taken before anything covers them: they may be the installed ones.
     std::vector<int> held;
-    std::string tool = sc.tool == tool_scene::program ? hold(sc.tool_program, held) : "/bin/true";
-    std::string helper = sc.helper ? hold(*sc.helper, held) : "";
-    std::string messages = sc.messages_dir ? hold(*sc.messages_dir, held) + "/." : "";
     enter_namespaces();
     make_throwaway(held);
-    // No lock and no helper, whatever the machine holds.
+    // Whatever the machine holds: no lock and no helper, an empty regular
+    // table and an empty /dev/odm. COMMAND's own shell sets any other scene.
     std::error_code ec;
     for (const fs::directory_entry& entry : fs::directory_iterator("/etc", ec))
         if (is_lock_name(entry.path().filename().native()))
@@ -167,31 +155,18 @@ void isolate(const scene& sc)
         die("cannot readdir /etc: %s", ec.message().c_str());
     remove_file(MTAB_PATH);
     remove_file(HELPER_PATH);
-    if (sc.mtab == mtab_scene::file)
-        write_file(MTAB_PATH, sc.mtab_content);
-    if (sc.mtab == mtab_scene::symlink && symlink("/proc/mounts", MTAB_PATH) != 0)
-        fail("symlink", MTAB_PATH);
-    if (sc.mtab_locked)
-        write_file(MTAB_LOCK_PATH, "");
-    if (sc.odm_present)
-        make_dir("/dev/odm", 0755);
+    write_file(MTAB_PATH, "");
+    make_dir("/dev/odm", 0755);
     make_dir(STATE_DIR, 0700);
     make_dir(STAGE_DIR, 0700);
-
-    if (sc.tool != tool_scene::absent || sc.messages_dir) {
+    if (sc.tool_record) {
         make_dir("/opt/KELD", 0755);
         make_dir("/opt/KELD/bin", 0755);
+        if (!fs::copy_file("/bin/true", TOOL_PATH, ec))
+            die("cannot copy /bin/true to %s: %s", TOOL_PATH, ec.message().c_str());
+        if (chmod(TOOL_PATH, 0755) != 0)
+            fail("chmod", TOOL_PATH);
     }
-    if (sc.messages_dir)
-        fs::copy(messages, "/opt/KELD/messages", fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
-    if (ec)
-        die("cannot copy %s to /opt/KELD/messages: %s", sc.messages_dir->c_str(), ec.message().c_str());
-    if (sc.tool == tool_scene::noexec)
-        write_file(TOOL_PATH, "#!/bin/sh\nexit 0\n", 0644);
-    else if (sc.tool != tool_scene::absent)
-        copy_program(tool, sc.tool == tool_scene::program ? sc.tool_program : tool, TOOL_PATH);
-    if (sc.helper)
-        copy_program(helper, *sc.helper, HELPER_PATH);
     // Left open, they would show COMMAND the way to the real files.
     for (int fd : held)
         close(fd);

@@ -47,21 +47,8 @@ struct option_row {
 
 // getopt's table and --help, which README.md shows (a test compares), come from this.
 constexpr option_row OPTIONS[] = {
-    {"mtab", 0, "file|symlink|missing", "/etc/mtab is a regular file (the default), a link to /proc/mounts, or none",
-     [](options& o, const char* a) { o.sc.mtab = choose<mtab_scene>("--mtab", a, MTAB_SCENES); }},
-    {"mtab-content", 0, "TEXT", "what the regular /etc/mtab holds (default: nothing)",
-     [](options& o, const char* a) { o.sc.mtab_content = a; }},
-    {"mtab-lock", 0, nullptr, "/etc/mtab~ exists beforehand: another process holds the lock",
-     [](options& o, const char*) { o.sc.mtab_locked = true; }},
-    {"no-odm", 0, nullptr, "/dev/odm does not exist", [](options& o, const char*) { o.sc.odm_present = false; }},
-    {"tolvane", 0, "FILE", "FILE is copied to /opt/KELD/bin/tolvane, mode 0755",
-     [](options& o, const char* a) { o.sc.tool = tool_scene::program, o.sc.tool_program = a; }},
     {"tolvane-record", 0, nullptr, "/opt/KELD/bin/tolvane does nothing, and how each run starts is recorded",
-     [](options& o, const char*) { o.sc.tool = tool_scene::recorder; }},
-    {"tolvane-noexec", 0, nullptr, "/opt/KELD/bin/tolvane is a shell script with mode 0644",
-     [](options& o, const char*) { o.sc.tool = tool_scene::noexec; }},
-    {"messages", 0, "DIR", "DIR is copied to /opt/KELD/messages (with DIR/de_DE/KELDodm.cat, say)",
-     [](options& o, const char* a) { o.sc.messages_dir = a; }},
+     [](options& o, const char*) { o.sc.tool_record = true; }},
     {"control", 0, "normal|missing|full", "each module mount's control file: a file (the default), none, or a full one",
      [](options& o, const char* a) { o.sc.control = choose<control_scene>("--control", a, CONTROL_SCENES); }},
     {"mount-errno", 0, "NAME", "the module refuses every valid qeodmfs mount with errno NAME (EBUSY, say)",
@@ -70,8 +57,6 @@ constexpr option_row OPTIONS[] = {
      [](options& o, const char* a) { o.sc.fork_errno = parse_errno(a); }},
     {"hold-mount", 0, nullptr, "a qeodmfs mount waits for its caller's STOP and CONT; /dev/.odm-sandbox/held.PID tells it came",
      [](options& o, const char*) { o.sc.hold_mount = true; }},
-    {"helper", 0, "FILE", "FILE is copied to /sbin/mount.qeodmfs, where mount(8) looks for it",
-     [](options& o, const char* a) { o.sc.helper = a; }},
     {"fast-sleep", 0, nullptr, "sleeps of COMMAND and everything under it return at once, and are recorded",
      [](options& o, const char*) { o.sc.fast_sleep = true; }},
     {"timeout", 0, "SECONDS", "COMMAND and everything under it are killed after SECONDS, at most 86400; the status is 124",
@@ -91,9 +76,10 @@ constexpr option_row OPTIONS[] = {
 void print_help()
 {
     puts("usage: odm-sandbox [OPTION...] -- COMMAND [ARGS...]\n"
-         "Runs COMMAND where the qeodmfs kernel module is emulated, in a throwaway /etc, /dev and\n"
-         "/opt, and reports what it did. Exits with COMMAND's status (128+N after signal N), 124\n"
-         "on timeout, 125 when the sandbox itself fails.");
+         "Runs COMMAND where the qeodmfs kernel module is emulated, in a throwaway /etc, /dev,\n"
+         "/opt and /sbin that COMMAND may change as it likes, and reports what it did. Exits\n"
+         "with COMMAND's status (128+N after signal N), 124 on timeout, 125 when the sandbox\n"
+         "itself fails.");
     for (const option_row& row : OPTIONS)
         printf("  %s--%s%s%s\n      %s\n", row.letter ? std::string{'-', row.letter, ',', ' '}.c_str() : "", row.name,
                row.arg ? " " : "", row.arg ? row.arg : "", row.help);

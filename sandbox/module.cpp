@@ -99,7 +99,8 @@ void module::answer_mount(listener& l)
     if (l.read(l.arg(4), data.bytes.data(), data.bytes.size()) > 0)
         m.data = data;
     // Held until the caller is stopped and continued; the file says it came.
-    if (sc_.hold_mount && std::none_of(calls_.begin(), calls_.end(), [&](const mount_call& c) { return c.held && c.pid == m.pid; })) {
+    const auto held_already = [&m](const mount_call& c) { return c.held && c.pid == m.pid; };
+    if (sc_.hold_mount && std::none_of(calls_.begin(), calls_.end(), held_already)) {
         m.held = true;
         return make_file(std::string(STATE_DIR) + "/held." + std::to_string(m.pid), 0);
     }

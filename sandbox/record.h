@@ -14,20 +14,13 @@
 namespace sandbox {
 
 // Each scene's words, as options take them and the report gives them, in enumerator order.
-enum class mtab_scene { file, symlink, missing };
-enum class tool_scene { absent, program, recorder, noexec };
 enum class control_scene { normal, missing, full };
-inline constexpr std::array<const char*, 3> MTAB_SCENES{"file", "symlink", "missing"};
-inline constexpr std::array<const char*, 4> TOOL_SCENES{"absent", "program", "recorder", "noexec"};
 inline constexpr std::array<const char*, 3> CONTROL_SCENES{"normal", "missing", "full"};
 
+// What COMMAND's own shell could not set: the module's answers, the calls
+// answered for it, and the recording tool.
 struct scene {
-    mtab_scene mtab = mtab_scene::file;
-    std::string mtab_content;
-    bool mtab_locked = false, odm_present = true, hold_mount = false, fast_sleep = false;
-    tool_scene tool = tool_scene::absent;
-    std::string tool_program;  // for tool_scene::program
-    std::optional<std::string> messages_dir, helper;
+    bool tool_record = false, hold_mount = false, fast_sleep = false;
     control_scene control = control_scene::normal;
     int mount_errno = 0, fork_errno = 0;
 };

@@ -67,10 +67,13 @@ std::string outcome(int error)
 // The record's fields, or text: what mount(8) hands a type it does not know.
 std::string data_text(const std::optional<record_bytes>& d)
 {
-    const char* text = d ? reinterpret_cast<const char*>(d->bytes.data()) : "";
-    std::size_t len = d ? strnlen(text, d->bytes.size()) : 0;
-    if (!d || (len > 0 && std::all_of(text, text + len, [](unsigned char c) { return isprint(c); })))
-        return d ? in_quotes(std::string(text, len)) : "NULL";
+    if (!d)
+        return "NULL";
+    const char* text = reinterpret_cast<const char*>(d->bytes.data());
+    const std::size_t len = strnlen(text, d->bytes.size());
+    const auto printable = [](unsigned char c) { return isprint(c) != 0; };
+    if (len > 0 && std::all_of(text, text + len, printable))
+        return in_quotes(std::string(text, len));
     char fields[160];
     snprintf(fields, sizeof fields, "{version %u, size %u, requested %#" PRIx64 ", available %#" PRIx64 "}",
              d->at<std::uint32_t>(0), d->at<std::uint32_t>(4), d->at<std::uint64_t>(8), d->at<std::uint64_t>(16));
@@ -79,9 +82,12 @@ std::string data_text(const std::optional<record_bytes>& d)
 
 void print_mount(const mount_call& m)
 {
-    fprintf(stderr, "odm-sandbox: pid %d: mount(%s, %s, %s, %#" PRIx64 ", %s)%s\n", m.pid, in_quotes(m.source).c_str(),
-            in_quotes(m.target).c_str(), in_quotes(m.type).c_str(), m.flags, m.module ? data_text(m.data).c_str() : "...",
-            !m.module ? " handed to the kernel" : m.held ? " held, never answered" : outcome(m.error).c_str());
+    std::string answer = " handed to the kernel";
+    if (m.module)
+        answer = m.held ? " held, never answered" : outcome(m.error);
+    fprintf(stderr, "odm-sandbox: pid %d: mount(%s, %s, %s, %#" PRIx64 ", %s)%s\n", m.pid,
+            in_quotes(m.source).c_str(), in_quotes(m.target).c_str(), in_quotes(m.type).c_str(),
+            m.flags, m.module ? data_text(m.data).c_str() : "...", answer.c_str());
     if (m.module)
         fprintf(stderr, "odm-sandbox:   /etc/mtab~ %s, /etc/mtab~%d %s; ignored signals: %s\n",
                 m.lock_present ? "present" : "absent", m.pid, m.temp_present ? "present" : "absent",
@@ -179,17 +185,18 @@ void to_json(json& j, const tool_run& t)
 
 void to_json(json& j, const scene& sc)
 {
-    j = {{"mtab", MTAB_SCENES[static_cast<int>(sc.mtab)]}, {"mtab_locked", sc.mtab_locked},
-         {"odm", sc.odm_present}, {"tolvane", TOOL_SCENES[static_cast<int>(sc.tool)]},
-         {"messages", sc.messages_dir}, {"control", CONTROL_SCENES[static_cast<int>(sc.control)]},
+    j = {{"tolvane_record", sc.tool_record},
+         {"control", CONTROL_SCENES[static_cast<int>(sc.control)]},
          {"mount_errno", errno_of(sc.mount_errno)}, {"fork_errno", errno_of(sc.fork_errno)},
-         {"hold_mount", sc.hold_mount}, {"helper", sc.helper}, {"fast_sleep", sc.fast_sleep}};
+         {"hold_mount", sc.hold_mount}, {"fast_sleep", sc.fast_sleep}};
 }
 
 int exit_status(const command_end& c)
 {
-    int ws = c.wait_status;
-    return c.timed_out ? EXIT_TIMED_OUT : WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws);
+    const int ws = c.wait_status;
+    if (c.timed_out)
+        return EXIT_TIMED_OUT;
+    return WIFEXITED(ws) ? WEXITSTATUS(ws) : 128 + WTERMSIG(ws);
 }
 
 void to_json(json& j, const command_end& c)

@@ -80,7 +80,7 @@ trap_list traps(const scene& sc, module& mod, run_record& run)
     auto fork = [&run](listener& l) { answer_fork(l, run); };
     trap_list traps{{SYS_mount, [&mod](listener& l) { mod.answer_mount(l); }},
                     {SYS_umount2, [&mod](listener& l) { mod.answer_unmount(l); }}};
-    if (sc.tool == tool_scene::recorder)
+    if (sc.tool_record)
         traps.emplace_back(SYS_execve, [&run](listener& l) { answer_exec(l, run); });
     if (sc.fast_sleep)
         traps.insert(traps.end(), {{SYS_nanosleep, sleep}, {SYS_clock_nanosleep, sleep}});
@@ -174,13 +174,18 @@ int kill_tree(pid_t child, int first, command_end& end)
 void record_end_state(run_record& run)
 {
     struct stat st {};
-    bool found = lstat(MTAB_PATH, &st) == 0;
-    run.mtab_kind = !found ? "missing" : S_ISLNK(st.st_mode) ? "symlink" : S_ISREG(st.st_mode) ? "file" : "other";
     std::error_code ec;
-    if (S_ISLNK(st.st_mode))
+    if (lstat(MTAB_PATH, &st) != 0) {
+        run.mtab_kind = "missing";
+    } else if (S_ISLNK(st.st_mode)) {
+        run.mtab_kind = "symlink";
         run.mtab_text = fs::read_symlink(MTAB_PATH, ec);
-    else if (S_ISREG(st.st_mode))
+    } else if (S_ISREG(st.st_mode)) {
+        run.mtab_kind = "file";
         run.mtab_text = read_file(MTAB_PATH);
+    } else {
+        run.mtab_kind = "other";
+    }
     for (const auto& entry : fs::directory_iterator("/etc", ec))
         if (is_lock_name(entry.path().filename().native()))
             run.lock_files.push_back(entry.path().filename());

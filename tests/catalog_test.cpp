@@ -13,9 +13,10 @@ namespace {
 
 std::vector<std::string> conversions(const std::string& format)
 {
-    static const std::regex spec(R"(%%|%[-+ #0'I]*(\*|\d+)?(\.(\*|\d+))?(hh|h|ll|l|j|z|t|L)?[a-zA-Z])");
+    static const std::regex conversion(
+        R"(%%|%[-+ #0'I]*(\*|\d+)?(\.(\*|\d+))?(hh|h|ll|l|j|z|t|L)?[a-zA-Z])");
     std::vector<std::string> found;
-    for (std::sregex_iterator m(format.begin(), format.end(), spec), end; m != end; ++m)
+    for (std::sregex_iterator m(format.begin(), format.end(), conversion), end; m != end; ++m)
         if (m->str() != "%%")
             found.push_back(m->str());
     return found;

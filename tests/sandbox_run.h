@@ -20,14 +20,14 @@ struct sandbox_result : child_result {
     nlohmann::json report;
 };
 
-// Runs `odm-sandbox --quiet --json FILE OPTIONS -- COMMAND` with standard
-// input from /dev/null. FILE lies in TempDir, which CTest puts in the build tree.
+// Runs `odm-sandbox --quiet --timeout 10 --json FILE OPTIONS -- COMMAND` with
+// standard input from /dev/null. FILE lies in TempDir, which CTest puts in the build tree.
 inline sandbox_result run_sandbox(const std::vector<std::string>& options,
                                   const std::vector<std::string>& command)
 {
-    std::string json_path = testing::TempDir() + "odm-sandbox-XXXXXX";
-    close(mkstemp(json_path.data()));
-    std::vector<std::string> args{ODM_SANDBOX_PATH, "--quiet", "--json", json_path};
+    std::string path = testing::TempDir() + "odm-sandbox-XXXXXX";
+    close(mkstemp(path.data()));
+    std::vector<std::string> args{ODM_SANDBOX_PATH, "--quiet", "--timeout", "10", "--json", path};
     args.insert(args.end(), options.begin(), options.end());
     args.emplace_back("--");
     args.insert(args.end(), command.begin(), command.end());
@@ -42,17 +42,16 @@ inline sandbox_result run_sandbox(const std::vector<std::string>& options,
         execv(argv[0], argv.data());
         return 127;
     });
-    const int fd = open(json_path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     nlohmann::json report = nlohmann::json::parse(fd < 0 ? "" : drain(fd), nullptr, false);
-    unlink(json_path.c_str());
+    unlink(path.c_str());
     if (report.is_discarded())
         report = nullptr;
     return {std::move(r), std::move(report)};
 }
 
-// One fresh sandbox per run. Every test skips where the kernel cannot
-// provide one (no user namespaces for a non-root user, say), and fails
-// where the sandbox itself is broken.
+// One fresh sandbox per run. Every test skips where the kernel cannot provide one (no
+// user namespaces for a non-root user, say), and fails where the sandbox is broken.
 class SandboxTest : public testing::Test {
 protected:
     void SetUp() override

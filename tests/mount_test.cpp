@@ -1,11 +1,16 @@
-// The option parsers, each run in a child: they exit, and they change
-// process-wide state (getopt's, rw_given, the environment). Then the
-// options string of the table's entry.
+// The option parsers, the table's options string and the control file's write. What exits
+// or changes getopt's state, rw_given or the environment runs in a child.
 #include "mount/mount_opts.h"
 #include "mount/mtab.h"
+#include "mount/post_mount.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -23,9 +28,8 @@ const std::string USAGE = "ODM mount ERROR T-41-1-0-0-4 usage: mount.qeodmfs "
 const std::string UNKNOWN = "ODM mount WARNING T-41-1-0-0-6 unrecognized option ";
 const std::string CONFLICT = "ODM mount ERROR T-41-1-0-0-3 conflicting suboptions: ";
 
-// "mount.qeodmfs ARGS" with QEODM_MOUNT_OPTS=ENV (nullptr: unset), as main
-// parses them; a run that goes on prints the mask, rw_given and what is left
-// of the variable.
+// "mount.qeodmfs ARGS" with QEODM_MOUNT_OPTS=ENV (nullptr: unset), as main parses them; a
+// run that goes on prints the mask, rw_given, what is left of ENV and the options string.
 TEST(MountOptsTest, CommandLineAndEnvironment)
 {
     const struct {
@@ -34,17 +38,18 @@ TEST(MountOptsTest, CommandLineAndEnvironment)
         const char* env;
         int status;
     } cases[] = {
-        // Each word's bit. Values and an empty last word are ignored, as are ro and noauto.
-        {{"-o", "nocluster"}, "0x1 rw=0 -\n", "", nullptr, 0},
-        {{"-o", "exclusive=1,ro,noauto"}, "0x40 rw=0 -\n", "", nullptr, 0},
-        {{"-o", "cluster_bypass,wait,wait"}, "0xc rw=0 -\n", "", nullptr, 0},
-        {{"-o", "nosmartsync,rw"}, "0x20 rw=1 -\n", "", nullptr, 0},
-        {{"-o", "smartsync,cluster=yes,"}, "0x12 rw=0 -\n", "", nullptr, 0},
-        {{"-o", ""}, "0x0 rw=0 \n", "", "", 0},
-        // Every -o, then the variable, which is cut in place. Other letters
-        // and operands are ignored.
+        // Each word's bit, "wait" beside every other; values, an empty last word, ro and noauto
+        // are ignored. The table's words: rw first, then table order, smartsync by default.
+        {{"-o", "nocluster,wait,wait"}, "0x5 rw=0 - nocluster,smartsync\n", "", nullptr, 0},
+        {{"-o", "exclusive,ro,noauto,wait"}, "0x44 rw=0 - exclusive,smartsync\n", "", nullptr, 0},
+        {{"-o", "cluster_bypass,wait"}, "0xc rw=0 - cluster_bypass,smartsync\n", "", nullptr, 0},
+        {{"-o", "wait,nosmartsync,rw"}, "0x24 rw=1 - rw,nosmartsync\n", "", nullptr, 0},
+        {{"-o", "smartsync,cluster=yes,wait,"}, "0x16 rw=0 - cluster,smartsync\n", "", nullptr, 0},
+        {{"-o", ""}, "0x0 rw=0  smartsync\n", "", "", 0},
+        // Every -o, then the variable, which is cut in place; other letters and operands ignored.
         {{"-n", "-r", "-v", "-t", "ext4", "none", "/dev/odm", "-o", "wait", "-o", "rw"},
-         "0x1c rw=1 cluster_bypass\n", "", "cluster_bypass,smartsync", 0},
+         "0x1c rw=1 cluster_bypass rw,cluster_bypass,smartsync\n", "",
+         "cluster_bypass,smartsync", 0},
         // Early exits: nothing after them is looked at.
         {{"-h"}, USAGE, "", nullptr, 0},
         {{"-x"}, USAGE, "mount.qeodmfs: invalid option -- 'x'\n", nullptr, 0},
@@ -65,20 +70,22 @@ TEST(MountOptsTest, CommandLineAndEnvironment)
     for (const auto& c : cases) {
         const child_result r = in_child([&] {
             c.env ? setenv("QEODM_MOUNT_OPTS", c.env, 1) : unsetenv("QEODM_MOUNT_OPTS");
-            prog_name = "mount.qeodmfs";
+            char prog[] = "mount.qeodmfs";
+            prog_name = prog;
             std::vector<std::string> args = c.args;
-            args.insert(args.begin(), prog_name);
-            std::vector<char*> argv;
-            argv.reserve(args.size() + 1);
+            std::vector<char*> argv{prog};
             for (std::string& a : args)
                 argv.push_back(a.data());
             argv.push_back(nullptr);
             check_table();
-            const std::uint64_t mask = parse_args(static_cast<int>(args.size()), argv.data());
+            const std::uint64_t mask = parse_args(static_cast<int>(argv.size() - 1), argv.data());
             check_conflicts(mask);
+            int mount_flags = 0;
+            const char* words = nullptr;
+            mtab_options(&words, mount_flags, mask);
             const char* left = std::getenv("QEODM_MOUNT_OPTS");
-            std::printf("0x%" PRIx64 " rw=%d %s\n", mask, rw_given, left ? left : "-");
-            return 0;
+            std::printf("0x%" PRIx64 " rw=%d %s %s\n", mask, rw_given, left ? left : "-", words);
+            return mount_flags;
         });
         EXPECT_EQ(std::tuple(r.status, r.out, r.err), std::tuple(c.status, c.out, c.err))
             << testing::PrintToString(c.args) << " " << (c.env ? c.env : "-");
@@ -100,27 +107,36 @@ TEST(MountOptsTest, ADamagedTableIsRefused)
     }
 }
 
-// Table order whatever the mask, no "wait", smartsync by default; longest
-// first, so that each row shows the string built afresh.
+// Every word in table order, though no run of the parsers sets them all.
 TEST(MtabOptionsTest, WordsComeInTableOrder)
 {
-    const struct {
-        const char* words;
-        std::uint64_t mask;
-        int rw;
-    } cases[] = {
-        {"nocluster,cluster,exclusive,cluster_bypass,nosmartsync,smartsync", 0x7f, 0},
-        {"rw,cluster_bypass,smartsync", 0x1c, 1}, {"rw,exclusive,nosmartsync", 0x60, 1},
-        {"cluster,smartsync", 0x2, 0}, {"smartsync", 0x4, 0},
-    };
-    for (const auto& c : cases) {
-        rw_given = c.rw;
-        int mount_flags = 0;
-        const char* options = nullptr;
-        mtab_options(&options, mount_flags, c.mask);
-        EXPECT_STREQ(options, c.words);
-        EXPECT_EQ(mount_flags, 0);
-    }
+    int mount_flags = 0;
+    const char* words = nullptr;
+    mtab_options(&words, mount_flags, 0x7f);
+    EXPECT_STREQ(words, "nocluster,cluster,exclusive,cluster_bypass,nosmartsync,smartsync");
+}
+
+// A file-size limit of 1 byte cuts "on" short after its first; the warning
+// goes through a pipe, which no such limit cuts.
+TEST(PostMountTest, SwitchCutShortIsWarnedAbout)
+{
+    std::string dir = testing::TempDir() + "switch-XXXXXX";
+    int err[2];
+    ASSERT_TRUE(mkdtemp(dir.data()) != nullptr && pipe(err) == 0);
+    const std::string file = dir + "/cluster";
+    close(open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    const child_result r = in_child([&] {
+        const rlimit one{1, 1};
+        dup2(err[1], STDERR_FILENO);
+        setrlimit(RLIMIT_FSIZE, &one);
+        return cluster_switch_on(dir.c_str());
+    });
+    close(err[1]);
+    const std::string warning = "ODM mount WARNING T-41-1-0-0-8 could not write " + file + "\n";
+    EXPECT_EQ(std::tuple(r.status, drain(err[0]), drain(open(file.c_str(), O_RDONLY | O_CLOEXEC))),
+              std::tuple(EBADF, warning, "o"));
+    unlink(file.c_str());
+    rmdir(dir.c_str());
 }
 
 }  // namespace
