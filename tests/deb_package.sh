@@ -2,8 +2,8 @@
 # deb_package.sh DEB        (./dev.sh package and ./dev.sh repro run it)
 #
 # What a user of the package gets: the files, links and modes, libc6 alone
-# as dependency, a changelog of the version, a hardened helper, a removal
-# that leaves /opt, and lintian tags only with a written reason.
+# as dependency, a changelog of the version, a hardened helper, /opt left to
+# base-files, and lintian tags only with a written reason.
 set -eu
 deb=$1
 fail=0
@@ -46,34 +46,10 @@ echo "$dyn" | grep -q TEXTREL && problem "$helper relocates its text"
 init=$(echo "$dyn" | sed -n 's/.*(INIT_ARRAYSZ) *\([0-9]*\) (bytes)/\1/p')
 [ "${init:-0}" -le 8 ] || problem "$helper has $((init / 8)) .init_array entries, not 1"
 
-# Removal gives back the root the package found, where /opt belongs to no
-# package (base-files makes it); later another package's configuration
-# tool in /opt/KELD/bin keeps /opt/KELD. Not root, dpkg runs under
-# fakeroot, which devscripts brings. The root has no shell: the maintainer
-# scripts run outside it, with DPKG_ROOT naming it, as they allow.
-root=$work/root
-mkdir -p "$root/opt" "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates"
-touch "$root/var/lib/dpkg/status" "$root/var/lib/dpkg/available"
-as_root=$([ "$(id -u)" -eq 0 ] || echo fakeroot)
-in_root() {
-    $as_root dpkg --root="$root" --log="$work/dpkg.log" --force-depends --force-not-root \
-        --force-script-chrootless \
-        "$@" >"$work/dpkg.out" 2>&1 || problem "$(cat "$work/dpkg.out")"
-}
-left_in_opt() {
-    found=$(cd "$root" && find opt 2>/dev/null | LC_ALL=C sort | tr '\n' ' ')
-    [ "$found" = "$1" ] || problem "after dpkg $2, /opt holds: $found (expected $1)"
-}
-in_root -i "$deb"
-in_root -r qeodmfs-mount
-left_in_opt "opt " -r
-mkdir -p "$root/opt/KELD/bin"
-: >"$root/opt/KELD/bin/tolvane"
-in_root -i "$deb"
-in_root -P qeodmfs-mount
-left_in_opt "opt opt/KELD opt/KELD/bin opt/KELD/bin/tolvane " -P
-in_root -i "$deb"
-[ -f "$root/opt/KELD/messages/en_US.UTF-8/KELDodm.cat" ] || problem "installing again left no catalogue"
+# No package owns /opt (base-files makes it): one that listed it would take
+# it away with its last file. Installing and removing for real is the
+# virtual machine's (tests/vm/scenarios.sh).
+dpkg-deb -c "$deb" | grep -q ' \./opt/$' && problem "the package lists /opt"
 
 # Root is how CI runs; lintian's notice about it is not a finding. Lintian
 # leaves its caches in TMPDIR, so they go with the work directory.

@@ -113,9 +113,9 @@ boot() {
 # Every group, or those named; two machines at a time, one a processor.
 groups=$(sh "$scenarios" groups)
 if [ $# -gt 0 ]; then
-    groups=$(echo "$groups" | while read -r group fstab params; do
+    groups=$(echo "$groups" | while read -r group rest; do
         for name in "$@"; do
-            if [ "$name" = "$group" ]; then echo "$group $fstab $params"; fi
+            if [ "$name" = "$group" ]; then echo "$group $rest"; fi
         done
     done)
 fi
@@ -127,7 +127,8 @@ failed=0
 batch=
 report() {
     for group in $batch; do
-        echo "vm: $group ($(($(date +%s) - started)) s)"
+        fstab=$(echo "$groups" | sed -n "s/^$group \([^ ]*\) .*/\1/p")
+        echo "vm: $group, fstab: $fstab ($(($(date +%s) - started)) s)"
         results=$(tr -d '\r' <"$work/$group.results")
         printf '%s\n' "$results" | grep -v '^done$' || true
         passed=$((passed + $(printf '%s\n' "$results" | grep -c '^PASS ' || true)))
@@ -142,7 +143,7 @@ report() {
 }
 started=$(date +%s)
 echo "vm: booting $(echo "$groups" | wc -l) machines, $jobs at a time, $boot_limit s each at most"
-while read -r group fstab params; do
+while read -r group fstab params _; do
     boot "$group" "$fstab" "$params"
     batch="$batch $group"
     [ "$(echo $batch | wc -w)" -lt "$jobs" ] && continue

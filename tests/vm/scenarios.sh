@@ -1,30 +1,21 @@
 #!/bin/sh
 # mount.qeodmfs on Debian 12's kernel and systemd, with the stand-in module of vm/kmod. vm/run.sh
-# boots once for each group listed here, with its fstab options for /dev/odm and its kernel
-# parameters. Once the boot is over, each scenario of the group prints what it saw, and passes
-# when that is its file in expected/.
+# boots once for each group below: its fstab options for /dev/odm (-: no line), its kernel
+# parameters, its scenarios. Once the boot is over each scenario prints what it saw, and passes
+# when that is what its file in expected/ holds below its first line, which says what it shows.
 if [ "${1:-}" = groups ]; then
-    echo "by-hand - -
-boot-cluster cluster -
-boot-nofail cluster,nofail -
-boot-netdev cluster,_netdev -
-boot-noatime cluster,noatime -
-boot-optional cluster,x-systemd.wanted-by=local-fs.target qeodmfs_standin.mount_errno=1"
+    echo "by-hand - - at_boot_after_no_line exclusive_wait conflict refused switch_fails answers \
+fstab_words purge
+boot-cluster cluster - mounted_at_boot
+boot-nofail cluster,nofail - mounted_at_boot nofail_by_hand
+boot-netdev cluster,_netdev - netdev
+boot-noatime cluster,noatime - noatime
+boot-optional cluster,x-systemd.wanted-by=local-fs.target qeodmfs_standin.mount_errno=1 optional"
     exit 0
 fi
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C
 param=/sys/module/qeodmfs_standin/parameters
 
-# scenario FUNCTION SAYING: what FUNCTION prints, against expected/FUNCTION.
-scenario() {
-    "$1" >"/run/$1" 2>&1
-    if cmp -s "/run/$1" "/vm/expected/$1"; then
-        echo "PASS $2"
-    else
-        echo "FAIL $2"
-        diff -u "/vm/expected/$1" "/run/$1" | sed 's/^/    /'
-    fi
-}
 get() { cat "$param/$1"; }
 put() { echo "$2" >"$param/$1"; }
 states() { for unit; do echo "$unit $(systemctl is-active "$unit")"; done; }
@@ -37,10 +28,7 @@ left() {
     echo "$1 $(get last_record) '$(get control)' ${tool:-no tool} ${options:-unmounted}"
     cat /run/err
 }
-by_hand() {
-    mount -t qeodmfs "$@" none /dev/odm 2>/run/err
-    left $?
-}
+by_hand() { mount -t qeodmfs "$@" none /dev/odm 2>/run/err; left $?; }
 # What the module answered and read: errno, then version,size from little-endian hex.
 answer() {
     "$@" >/dev/null 2>&1
@@ -51,7 +39,7 @@ answer() {
 # Seconds from the kernel's start until UNIT was active.
 since() {
     t=$(systemctl show -P ActiveEnterTimestampMonotonic "$1")
-    echo "$((t / 1000000)).$((t / 100000 % 10)) s"
+    echo "$1 after $((t / 1000000)).$((t / 100000 % 10)) s"
 }
 
 at_boot_after_no_line() {
@@ -62,6 +50,7 @@ at_boot_after_no_line() {
 }
 exclusive_wait() {
     by_hand -o exclusive,wait
+    dmesg | sed -n 's/.*qeodmfs_standin: \(version .*\)/the module got \1/p' | tail -n 1 >/run/note
     umount /dev/odm && by_hand
     umount /dev/odm
 }
@@ -119,10 +108,12 @@ purge() {
     rmdir /dev/odm && dpkg -i /vm/qeodmfs-mount.deb >/dev/null
     stat -c %F /dev/odm
     echo drop-in $(systemctl show -P DropInPaths dev-odm.mount)
+    ls /opt/KELD/messages
 }
 mounted_at_boot() {
     states dev-odm.mount multi-user.target
     left 0
+    echo "$(since dev-odm.mount), $(since multi-user.target)" >/run/note
 }
 nofail_by_hand() {
     umount /dev/odm && mount -a
@@ -144,37 +135,17 @@ optional() {
 }
 
 : >/run/err
-case $(sed -n 's/.*qeodmfs_vm\.group=\([^ ]*\).*/\1/p' /proc/cmdline) in
-by-hand)
-    scenario at_boot_after_no_line "no fstab line: /etc/mtab a link, /dev/odm made at boot, mounts"
-    scenario exclusive_wait "mount -t qeodmfs -o exclusive,wait none /dev/odm, umount, mount"
-    echo "    the module got $(dmesg | sed -n 's/.*qeodmfs_standin: \(version .*\)/\1/p' | tail -n 2 |
-        head -n 1)"
-    scenario conflict "mount.qeodmfs -o cluster,nocluster: message 3, no mount call"
-    scenario refused "a mount the module refuses (EPERM): no entry and no lock in a regular /etc/mtab"
-    scenario switch_fails "a control file that refuses on (EIO), or takes 1 byte: the mount stays"
-    scenario answers "text, version 1, size 31, no data, a record: answered as odm-sandbox answers"
-    scenario fstab_words "fstab words, by hand and through systemd"
-    scenario purge "dpkg -P leaves another's tool alone; dpkg -i makes /dev/odm, loads the drop-in"
-    ;;
-boot-cluster)
-    scenario mounted_at_boot "cluster in fstab: mounted after $(since dev-odm.mount), \
-multi-user.target after $(since multi-user.target)"
-    ;;
-boot-nofail)
-    scenario mounted_at_boot "cluster,nofail in fstab: mounted at boot"
-    scenario nofail_by_hand "cluster,nofail in fstab: mount -a passes nofail on"
-    ;;
-boot-netdev)
-    scenario netdev "cluster,_netdev in fstab: the unit fails, the boot goes on"
-    ;;
-boot-noatime)
-    scenario noatime "cluster,noatime in fstab: the boot stops in emergency mode"
-    ;;
-boot-optional)
-    scenario optional "cluster,x-systemd.wanted-by=local-fs.target in fstab, refused at boot: the \
-boot goes on, and mount -a mounts"
-    ;;
-esac
+group=$(sed -n 's/.*qeodmfs_vm\.group=\([^ ]*\).*/\1/p' /proc/cmdline)
+for name in $(sh "$0" groups | sed -n "s/^$group [^ ]* [^ ]* //p"); do
+    rm -f /run/note
+    "$name" >"/run/$name" 2>&1
+    saying=$(head -n 1 "/vm/expected/$name" | cut -c 3-)$(sed 's/.*/ (&)/' /run/note 2>/dev/null)
+    if tail -n +2 "/vm/expected/$name" | cmp -s - "/run/$name"; then
+        echo "PASS $saying"
+    else
+        echo "FAIL $saying"
+        tail -n +2 "/vm/expected/$name" | diff -u - "/run/$name" | sed 's/^/    /'
+    fi
+done
 echo done
 systemctl --no-block poweroff
