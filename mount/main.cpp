@@ -36,8 +36,8 @@ int main(int argc, char** argv)
     args.requested = mask;
     args.available = OPT_ALL_MODES;
 
-    const int result = do_mount(MOUNT_SOURCE, MOUNT_POINT, mount_flags, MOUNT_TYPE, &args,
-                                sizeof args, options);
+    const int result =
+        do_mount(MOUNT_SOURCE, MOUNT_POINT, mount_flags, MOUNT_TYPE, &args, sizeof args, options);
 
     // The entry is written, or the table closed, before a failure is
     // reported; the report is about the mount, not the bookkeeping.

@@ -17,8 +17,7 @@ namespace {
 // getsubopt takes char* const*, but never writes through the tokens.
 char* subopt_tokens[MOUNT_OPT_ROWS + 1];
 
-constexpr char USAGE_OPTIONS[] =
-    "[-o {cluster|nocluster|exclusive|smartsync|nosmartsync|wait}]\n";
+constexpr char USAGE_OPTIONS[] = "[-o {cluster|nocluster|exclusive|smartsync|nosmartsync|wait}]\n";
 
 }  // namespace
 

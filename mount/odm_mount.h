@@ -27,6 +27,5 @@ static_assert(offsetof(odm_mount_args, reserved) == 24);
 
 // mount(2). data_len and options belong to the interface its callers use,
 // but the kernel gets neither: the options string is for the mount table.
-int do_mount(const char* source, const char* target, int mount_flags,
-             const char* fstype, const void* data, std::size_t data_len,
-             const char* options);
+int do_mount(const char* source, const char* target, int mount_flags, const char* fstype,
+             const void* data, std::size_t data_len, const char* options);

@@ -27,8 +27,7 @@ enum : int {
 inline constexpr std::size_t MSG_BUF_SIZE = 128;
 
 // The format for `id` in `out`, or `id` itself when it does not resolve.
-const char* msg_get(const char* id, int severity, char* out, std::size_t outsize,
-                    int code);
+const char* msg_get(const char* id, int severity, char* out, std::size_t outsize, int code);
 
 [[gnu::format(printf, 1, 2)]] void info(const char* id, ...);
 [[gnu::format(printf, 1, 2)]] void warn(const char* id, ...);

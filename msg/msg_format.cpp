@@ -160,8 +160,8 @@ const char* msg_format(const char* id, int severity, char* out, std::size_t outs
             const char* label = msg_sets[s].label;
             if (!use_catalog) {
                 std::snprintf(out, outsize, "%s%s %s-%d-%d-%d-%s %s", label,
-                              msg_severity(severity, nullptr, 0), dom.umi_prefix, s,
-                              fields.one, fields.two, number, text);
+                              msg_severity(severity, nullptr, 0), dom.umi_prefix, s, fields.one,
+                              fields.two, number, text);
                 return out;
             }
 
@@ -169,11 +169,11 @@ const char* msg_format(const char* id, int severity, char* out, std::size_t outs
             // catalogue that fails to open just yields the default texts.
             msg_nls_init();
             nl_catd catalog = catopen(dom.catalog, NL_CAT_LOCALE);
-            const char* translated = catgets(
-                catalog, s, static_cast<int>(std::strtol(number, nullptr, 10)), text);
+            const char* translated =
+                catgets(catalog, s, static_cast<int>(std::strtol(number, nullptr, 10)), text);
             const char* word = msg_severity(severity, catalog, 1);
-            std::snprintf(out, outsize, "%s%s %s-%d-%d-%d-%s %s", label, word,
-                          dom.umi_prefix, s, fields.one, fields.two, number, translated);
+            std::snprintf(out, outsize, "%s%s %s-%d-%d-%d-%s %s", label, word, dom.umi_prefix, s,
+                          fields.one, fields.two, number, translated);
             catclose(catalog);
             return out;
         }
@@ -208,8 +208,8 @@ const char* msg_errno(int code, int use_catalog)
 
     const char* word = msg_severity(SEV_ERROR, catalog, use_catalog);
     std::snprintf(errno_buf, sizeof errno_buf, "%s%s %s-%d-%d-%d-%d %s",
-                  msg_sets[MSG_SET_ERRNO].label, word, msg_domains[0].umi_prefix,
-                  MSG_SET_ERRNO, fields.one, fields.two, n, text);
+                  msg_sets[MSG_SET_ERRNO].label, word, msg_domains[0].umi_prefix, MSG_SET_ERRNO,
+                  fields.one, fields.two, n, text);
     if (use_catalog)
         catclose(catalog);
     return errno_buf;

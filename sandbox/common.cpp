@@ -57,13 +57,15 @@ std::vector<std::string> signal_names(std::uint64_t mask)
     std::vector<std::string> names;
     for (int sig = 1; sig <= 64; ++sig)
         if (mask & (std::uint64_t{1} << (sig - 1)))
-            names.push_back(std::string("SIG") + (sigabbrev_np(sig) ? sigabbrev_np(sig) : std::to_string(sig)));
+            names.push_back(std::string("SIG") +
+                            (sigabbrev_np(sig) ? sigabbrev_np(sig) : std::to_string(sig)));
     return names;
 }
 
 bool is_lock_name(std::string_view name)
 {
-    return name.starts_with("mtab~") && name.find_first_not_of("0123456789", 5) == std::string_view::npos;
+    return name.starts_with("mtab~") &&
+           name.find_first_not_of("0123456789", 5) == std::string_view::npos;
 }
 
 std::string read_all(int fd)
@@ -86,7 +88,9 @@ std::string read_file(const std::string& path)
 
 std::int64_t monotonic_ns()
 {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count();
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
 }
 
 }  // namespace sandbox

@@ -45,8 +45,10 @@ void enter_namespaces()
     // Real root needs no user namespace and keeps seeing files as they are.
     if (uid != "0" || unshare(CLONE_NEWNS) != 0) {
         if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
-            die("%scannot unshare a user and mount namespace: %s (see kernel.unprivileged_userns_clone and "
-                "user.max_user_namespaces)", UNAVAILABLE, strerror(errno));
+            die("%scannot unshare a user and mount namespace: %s (see "
+                "kernel.unprivileged_userns_clone and "
+                "user.max_user_namespaces)",
+                UNAVAILABLE, strerror(errno));
         write_file("/proc/self/setgroups", "deny");
         write_file("/proc/self/uid_map", "0 " + uid + " 1");
         write_file("/proc/self/gid_map", "0 " + gid + " 1");
@@ -108,7 +110,8 @@ void mirror(const std::string& real, const std::string& dir, const char* left_ou
         else
             write_file(to, "", 0600);
         if (ec)
-            die("cannot %s %s: %s", link ? "copy the link" : "mkdir", to.c_str(), ec.message().c_str());
+            die("cannot %s %s: %s", link ? "copy the link" : "mkdir", to.c_str(),
+                ec.message().c_str());
         if (to == "/dev/shm")
             mount("shm", to.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
         else if (!link && !bind_readonly(entry.path(), to))

@@ -47,9 +47,11 @@ bool install_filter(const std::vector<long>& trapped, int sock)
     }
     f.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
     sock_fprog prog{static_cast<unsigned short>(f.size()), f.data()};
-    int fd = static_cast<int>(syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &prog));
+    int fd = static_cast<int>(
+        syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &prog));
     if (fd < 0)
-        complain("%scannot seccomp(SECCOMP_SET_MODE_FILTER) with a listener: %s", UNAVAILABLE, strerror(errno));
+        complain("%scannot seccomp(SECCOMP_SET_MODE_FILTER) with a listener: %s", UNAVAILABLE,
+                 strerror(errno));
     // The parent copies it out of our descriptors, says when, and tells its failures.
     char taken = 0;
     return fd >= 0 && write(sock, &fd, sizeof fd) == sizeof fd && read(sock, &taken, 1) == 1;
@@ -62,10 +64,12 @@ int take_listener(pid_t child, int sock)
         return -1;  // the child failed first, and said why
     int pidfd = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
     if (pidfd < 0)
-        die("%scannot pidfd_open process %d: %s", errno == ENOSYS ? UNAVAILABLE : "", child, strerror(errno));
+        die("%scannot pidfd_open process %d: %s", errno == ENOSYS ? UNAVAILABLE : "", child,
+            strerror(errno));
     int fd = static_cast<int>(syscall(SYS_pidfd_getfd, pidfd, theirs, 0));
     if (fd < 0)
-        die("%scannot pidfd_getfd the seccomp listener of process %d: %s", UNAVAILABLE, child, strerror(errno));
+        die("%scannot pidfd_getfd the seccomp listener of process %d: %s", UNAVAILABLE, child,
+            strerror(errno));
     close(pidfd);
     return write(sock, "", 1) == 1 ? fd : -1;
 }
@@ -137,7 +141,9 @@ void listener::reply(std::int64_t val, int error, bool go_on)
 {
     std::fill(resp_.begin(), resp_.end(), 0);
     auto* resp = reinterpret_cast<seccomp_notif_resp*>(resp_.data());
-    *resp = {.id = id_, .val = val, .error = -error,
+    *resp = {.id = id_,
+             .val = val,
+             .error = -error,
              .flags = static_cast<std::uint32_t>(go_on ? SECCOMP_USER_NOTIF_FLAG_CONTINUE : 0)};
     // ENOENT: the caller was killed while we worked; nobody to tell.
     ioctl(fd_, SECCOMP_IOCTL_NOTIF_SEND, resp);

@@ -47,19 +47,29 @@ struct option_row {
 
 // getopt's table and --help, which README.md shows (a test compares), come from this.
 constexpr option_row OPTIONS[] = {
-    {"tolvane-record", 0, nullptr, "/opt/KELD/bin/tolvane does nothing, and how each run starts is recorded",
+    {"tolvane-record", 0, nullptr,
+     "/opt/KELD/bin/tolvane does nothing, and how each run starts is recorded",
      [](options& o, const char*) { o.sc.tool_record = true; }},
-    {"control", 0, "normal|missing|full", "each module mount's control file: a file (the default), none, or a full one",
-     [](options& o, const char* a) { o.sc.control = choose<control_scene>("--control", a, CONTROL_SCENES); }},
-    {"mount-errno", 0, "NAME", "the module refuses every valid qeodmfs mount with errno NAME (EBUSY, say)",
+    {"control", 0, "normal|missing|full",
+     "each module mount's control file: a file (the default), none, or a full one",
+     [](options& o, const char* a) {
+         o.sc.control = choose<control_scene>("--control", a, CONTROL_SCENES);
+     }},
+    {"mount-errno", 0, "NAME",
+     "the module refuses every valid qeodmfs mount with errno NAME (EBUSY, say)",
      [](options& o, const char* a) { o.sc.mount_errno = parse_errno(a); }},
-    {"fork-errno", 0, "NAME", "every new process under COMMAND fails with errno NAME; threads do not",
+    {"fork-errno", 0, "NAME",
+     "every new process under COMMAND fails with errno NAME; threads do not",
      [](options& o, const char* a) { o.sc.fork_errno = parse_errno(a); }},
-    {"hold-mount", 0, nullptr, "a qeodmfs mount waits for its caller's STOP and CONT; /dev/.odm-sandbox/held.PID tells it came",
+    {"hold-mount", 0, nullptr,
+     "a qeodmfs mount waits for its caller's STOP and CONT; /dev/.odm-sandbox/held.PID tells it "
+     "came",
      [](options& o, const char*) { o.sc.hold_mount = true; }},
-    {"fast-sleep", 0, nullptr, "sleeps of COMMAND and everything under it return at once, and are recorded",
+    {"fast-sleep", 0, nullptr,
+     "sleeps of COMMAND and everything under it return at once, and are recorded",
      [](options& o, const char*) { o.sc.fast_sleep = true; }},
-    {"timeout", 0, "SECONDS", "COMMAND and everything under it are killed after SECONDS, at most 86400; the status is 124",
+    {"timeout", 0, "SECONDS",
+     "COMMAND and everything under it are killed after SECONDS, at most 86400; the status is 124",
      [](options& o, const char* a) {
          char* end = nullptr;
          o.timeout = strtod(a, &end);  // NOLINT(clang-analyzer-core.NonNullParamChecker)
@@ -81,7 +91,8 @@ void print_help()
          "with COMMAND's status (128+N after signal N), 124 on timeout, 125 when the sandbox\n"
          "itself fails.");
     for (const option_row& row : OPTIONS)
-        printf("  %s--%s%s%s\n      %s\n", row.letter ? std::string{'-', row.letter, ',', ' '}.c_str() : "", row.name,
+        printf("  %s--%s%s%s\n      %s\n",
+               row.letter ? std::string{'-', row.letter, ',', ' '}.c_str() : "", row.name,
                row.arg ? " " : "", row.arg ? row.arg : "", row.help);
     exit(0);
 }
@@ -91,7 +102,8 @@ options parse_options(int argc, char** argv)
     std::vector<option> longs;
     std::string letters = "+";  // everything from COMMAND on belongs to COMMAND
     for (const option_row& row : OPTIONS) {
-        longs.push_back({row.name, row.arg ? required_argument : no_argument, nullptr, row.letter ? row.letter : 256});
+        longs.push_back({row.name, row.arg ? required_argument : no_argument, nullptr,
+                         row.letter ? row.letter : 256});
         letters += row.letter ? std::string(1, row.letter) : "";
     }
     longs.push_back({});
@@ -99,7 +111,9 @@ options parse_options(int argc, char** argv)
     int index = 0;  // of the long option found, where there is no letter to tell
     for (int c; (c = getopt_long(argc, argv, letters.c_str(), longs.data(), &index)) != -1;) {
         auto by_letter = [c](const option_row& r) { return r.letter == c; };
-        const option_row* row = c == 256 ? &OPTIONS[index] : std::find_if(std::begin(OPTIONS), std::end(OPTIONS), by_letter);
+        const option_row* row =
+            c == 256 ? &OPTIONS[index]
+                     : std::find_if(std::begin(OPTIONS), std::end(OPTIONS), by_letter);
         if (row == std::end(OPTIONS))
             die("see odm-sandbox --help");
         row->set(opt, optarg);
@@ -119,7 +133,9 @@ int main(int argc, char** argv)
     using namespace sandbox;
     options opt = parse_options(argc, argv);
     // Opened before anything is covered, so any path works.
-    int json_fd = opt.json_path.empty() ? -1 : open(opt.json_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    int json_fd = opt.json_path.empty()
+                      ? -1
+                      : open(opt.json_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (!opt.json_path.empty() && json_fd < 0)
         fail("open", opt.json_path);
     isolate(opt.sc);

@@ -25,7 +25,7 @@ void make_file(const std::string& file, off_t size)
 
 }  // namespace
 
-module::module(const scene& sc) : sc_(sc), inotify_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
+module::module(const scene& sc) :sc_(sc), inotify_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
 {
     if (inotify_ < 0)
         die("cannot inotify_init1: %s", strerror(errno));
@@ -54,12 +54,14 @@ int module::mount_fs(const listener& l, mount_call& m)
         return errno;
     if (!S_ISDIR(st.st_mode))
         return ENOTDIR;
-    if (!m.data || m.data->at<std::uint32_t>(0) != 2 || m.data->at<std::uint32_t>(4) != m.data->bytes.size())
+    if (!m.data || m.data->at<std::uint32_t>(0) != 2 ||
+        m.data->at<std::uint32_t>(4) != m.data->bytes.size())
         return EINVAL;
     if (sc_.mount_errno)
         return sc_.mount_errno;
     const bool full = sc_.control == control_scene::full;
-    if (mount(m.source ? m.source->c_str() : MODULE_TYPE, stage.c_str(), "tmpfs", 0, full ? "mode=755,size=4k" : "mode=755"))
+    if (mount(m.source ? m.source->c_str() : MODULE_TYPE, stage.c_str(), "tmpfs", 0,
+              full ? "mode=755,size=4k" : "mode=755"))
         return cannot("mount a tmpfs on", stage);
     int err = 0;
     if (stat(stage.c_str(), &st) != 0)
@@ -73,11 +75,13 @@ int module::mount_fs(const listener& l, mount_call& m)
     if (!err && sc_.control != control_scene::missing) {
         m.control = control_file{.dir = *m.target};
         const std::string file = stage + "/" + CONTROL_NAME;
-        if ((made_.back().control = open(file.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644)) < 0)
+        if ((made_.back().control =
+                 open(file.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644)) < 0)
             cannot("create", file);
         // IN_OPEN only to keep two closes apart: inotify merges an event
         // into an identical one still unread at the end of its queue.
-        if ((made_.back().watch = inotify_add_watch(inotify_, file.c_str(), IN_OPEN | IN_CLOSE_WRITE)) < 0)
+        if ((made_.back().watch =
+                 inotify_add_watch(inotify_, file.c_str(), IN_OPEN | IN_CLOSE_WRITE)) < 0)
             cannot("inotify_add_watch", file);
     }
     umount2(stage.c_str(), MNT_DETACH);
@@ -86,10 +90,16 @@ int module::mount_fs(const listener& l, mount_call& m)
 void module::answer_mount(listener& l)
 {
     std::string temp = MTAB_LOCK_PATH + std::to_string(l.pid());
-    mount_call& m = calls_.emplace_back(mount_call{
-        .pid = l.pid(), .time = monotonic_ns(), .ignored = l.ignored_signals(), .source = l.string_at(l.arg(0)),
-        .target = l.string_at(l.arg(1)), .type = l.string_at(l.arg(2)), .flags = l.arg(3),
-        .lock_present = access(MTAB_LOCK_PATH, F_OK) == 0, .temp_present = access(temp.c_str(), F_OK) == 0});
+    mount_call& m =
+        calls_.emplace_back(mount_call{.pid = l.pid(),
+                                       .time = monotonic_ns(),
+                                       .ignored = l.ignored_signals(),
+                                       .source = l.string_at(l.arg(0)),
+                                       .target = l.string_at(l.arg(1)),
+                                       .type = l.string_at(l.arg(2)),
+                                       .flags = l.arg(3),
+                                       .lock_present = access(MTAB_LOCK_PATH, F_OK) == 0,
+                                       .temp_present = access(temp.c_str(), F_OK) == 0});
     if (m.type != MODULE_TYPE)
         return l.pass_on();
     m.module = true;
@@ -110,12 +120,14 @@ void module::answer_mount(listener& l)
 
 void module::answer_unmount(listener& l)
 {
-    unmount_call& u = unmounts_.emplace_back(unmount_call{l.pid(), monotonic_ns(), l.string_at(l.arg(0)), l.arg(1)});
+    unmount_call& u = unmounts_.emplace_back(
+        unmount_call{l.pid(), monotonic_ns(), l.string_at(l.arg(0)), l.arg(1)});
     std::string path = u.target ? l.reachable(*u.target) : "";
     struct stat st {};
     bool found = u.target && stat(path.c_str(), &st) == 0;
     // The number of a device that is gone may name another file system.
-    auto fs = std::find_if(made_.begin(), made_.end(), [&](const made& f) { return found && f.live && f.dev == st.st_dev; });
+    auto fs = std::find_if(made_.begin(), made_.end(),
+                           [&](const made& f) { return found && f.live && f.dev == st.st_dev; });
     u.module = fs != made_.end();
     if (!u.module)
         return l.pass_on();
@@ -130,7 +142,8 @@ void module::hand_over(run_record& run)
     // Each close of a control file that was opened for writing.
     alignas(inotify_event) char buf[4096];
     for (ssize_t n; (n = read(inotify_, buf, sizeof buf)) > 0;)
-        for (char* p = buf; p < buf + n; p += sizeof(inotify_event) + reinterpret_cast<inotify_event*>(p)->len)
+        for (char* p = buf; p < buf + n;
+             p += sizeof(inotify_event) + reinterpret_cast<inotify_event*>(p)->len)
             for (const made& fs : made_)
                 if (const auto* ev = reinterpret_cast<const inotify_event*>(p);
                     fs.watch == ev->wd && (ev->mask & IN_CLOSE_WRITE))

@@ -20,7 +20,7 @@ public:
     void hand_over(run_record& run);
 
 private:
-    struct made {  // a file system the module mounted
+    struct made {          // a file system the module mounted
         std::size_t call;  // in calls_
         dev_t dev;
         bool live = true;  // until it is unmounted

@@ -25,7 +25,7 @@ struct scene {
     int mount_errno = 0, fork_errno = 0;
 };
 
-struct control_file {  // a module mount's, as COMMAND left it
+struct control_file {            // a module mount's, as COMMAND left it
     std::string dir, content{};  // the directory as the caller named it
     int write_opens = 0;
 };
@@ -51,9 +51,9 @@ struct mount_call {
     std::optional<std::string> source, target, type;
     std::uint64_t flags = 0;
     bool lock_present = false, temp_present = false;  // /etc/mtab~ and /etc/mtab~<pid>
-    bool module = false, held = false;  // not module: handed on to the kernel
-    std::optional<record_bytes> data{};  // null for a null or unreadable pointer
-    int error = 0;  // the module's answer
+    bool module = false, held = false;                // not module: handed on to the kernel
+    std::optional<record_bytes> data{};               // null for a null or unreadable pointer
+    int error = 0;                                    // the module's answer
     std::optional<control_file> control{};
 };
 
@@ -92,7 +92,7 @@ struct run_record {
     std::vector<sleep_call> sleeps;
     std::vector<tool_run> tool_runs;
     const char* mtab_kind = "missing";  // at the end: file, symlink, missing or other
-    std::string mtab_text;  // a file's content, a link's target
+    std::string mtab_text;              // a file's content, a link's target
     std::vector<std::string> lock_files;
 };
 

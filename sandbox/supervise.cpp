@@ -28,7 +28,8 @@ namespace fs = std::filesystem;
 std::vector<std::string> strings_at(const listener& l, std::uint64_t addr)
 {
     std::vector<std::string> strings;
-    for (std::uint64_t at; l.read(addr + sizeof at * strings.size(), &at, sizeof at) == sizeof at && at;)
+    for (std::uint64_t at;
+         l.read(addr + sizeof at * strings.size(), &at, sizeof at) == sizeof at && at;)
         strings.push_back(l.string_at(at).value_or(""));
     return strings;
 }
@@ -42,8 +43,8 @@ void answer_exec(listener& l, run_record& run)
     struct stat target;
     if (path && stat(l.reachable(*path).c_str(), &target) == 0 && stat(TOOL_PATH, &tool) == 0 &&
         target.st_dev == tool.st_dev && target.st_ino == tool.st_ino)
-        run.tool_runs.push_back(
-            {l.pid(), monotonic_ns(), strings_at(l, l.arg(1)), strings_at(l, l.arg(2)), l.ignored_signals()});
+        run.tool_runs.push_back({l.pid(), monotonic_ns(), strings_at(l, l.arg(1)),
+                                 strings_at(l, l.arg(2)), l.ignored_signals()});
     l.pass_on();
 }
 
@@ -56,8 +57,8 @@ void answer_sleep(listener& l, run_record& run)
     timespec now{};  // an absolute sleep lasts from now until then
     if (clock_call && (l.arg(1) & TIMER_ABSTIME))
         clock_gettime(static_cast<clockid_t>(l.arg(0)), &now);
-    run.sleeps.push_back(
-        {l.pid(), static_cast<double>(ts.tv_sec - now.tv_sec) + static_cast<double>(ts.tv_nsec - now.tv_nsec) / 1e9});
+    run.sleeps.push_back({l.pid(), static_cast<double>(ts.tv_sec - now.tv_sec) +
+                                       static_cast<double>(ts.tv_nsec - now.tv_nsec) / 1e9});
     l.reply(0, 0);
 }
 
@@ -134,9 +135,12 @@ std::vector<pid_t> descendants()
         std::size_t after = stat.rfind(')');
         char state = 'Z';
         long parent = 0;
+        if (after == std::string::npos)
+            continue;
         // NOLINTNEXTLINE(cert-err34-c): the kernel's own numbers
-        if (after != std::string::npos && sscanf(stat.c_str() + after, ") %c %ld", &state, &parent) == 2 && state != 'Z')
-            links.emplace_back(parent, static_cast<pid_t>(strtol(entry.path().filename().c_str(), nullptr, 10)));
+        if (sscanf(stat.c_str() + after, ") %c %ld", &state, &parent) == 2 && state != 'Z')
+            links.emplace_back(
+                parent, static_cast<pid_t>(strtol(entry.path().filename().c_str(), nullptr, 10)));
     }
     std::vector<pid_t> found{getpid()};
     for (std::size_t i = 0; i < found.size(); ++i)
@@ -224,13 +228,15 @@ run_record supervise(const options& opt)
     listener l(take_listener(child, sock[0]));
     close(sock[0]);
 
-    const std::int64_t deadline = opt.timeout > 0 ? monotonic_ns() + static_cast<std::int64_t>(opt.timeout * 1e9) : 0;
+    const std::int64_t deadline =
+        opt.timeout > 0 ? monotonic_ns() + static_cast<std::int64_t>(opt.timeout * 1e9) : 0;
     bool child_reaped = false;
     // A listener nobody is left under drops out of the set (poll skips -1).
     pollfd fds[2] = {{sigfd, POLLIN, 0}, {l.fd(), POLLIN, 0}};
     while (!child_reaped) {
         std::int64_t left_ms = (deadline - monotonic_ns() + 999999) / 1000000;
-        int ready = poll(fds, 2, deadline ? static_cast<int>(std::max<std::int64_t>(0, left_ms)) : -1);
+        int ready =
+            poll(fds, 2, deadline ? static_cast<int>(std::max<std::int64_t>(0, left_ms)) : -1);
         if (ready < 0 && errno != EINTR)
             die("cannot poll: %s", strerror(errno));
         signalfd_siginfo si;

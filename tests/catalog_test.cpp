@@ -28,17 +28,22 @@ TEST(CatalogTest, EachHoldsEveryMessageWithItsConversions)
     const struct {
         int set, number;
         const char* text;
-    } messages[] = {
-        {1, 3, "conflicting suboptions: '%s' and '%s'"}, {1, 4, "usage: %s %s"},
-        {1, 5, "sanity check fails"}, {1, 6, "unrecognized option %s"},
-        {1, 7, "could not open %s"}, {1, 8, "could not write %s"}, {1, 10, "could not fork %s"},
-        {5, 1, "ERROR"}, {5, 2, "WARNING"}, {5, 3, "INFO"},
-    };
+    } messages[] = {{1, 3, "conflicting suboptions: '%s' and '%s'"},
+                    {1, 4, "usage: %s %s"},
+                    {1, 5, "sanity check fails"},
+                    {1, 6, "unrecognized option %s"},
+                    {1, 7, "could not open %s"},
+                    {1, 8, "could not write %s"},
+                    {1, 10, "could not fork %s"},
+                    {5, 1, "ERROR"},
+                    {5, 2, "WARNING"},
+                    {5, 3, "INFO"}};
     std::istringstream listed(CATALOGS);  // "en en_US.UTF-8 de de_DE.UTF-8"
     for (std::string lang, locale; listed >> lang >> locale;) {
         // A path with a slash is taken as it is, not looked up through NLSPATH.
         nl_catd cat = catopen((CATALOG_BUILD_DIR "/" + locale + "/KELDodm.cat").c_str(), 0);
-        ASSERT_NE(cat, reinterpret_cast<nl_catd>(-1)) << locale;  // NOLINT(performance-no-int-to-ptr): catopen's failure value
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): catopen's failure value
+        ASSERT_NE(cat, reinterpret_cast<nl_catd>(-1)) << locale;
         for (const auto& m : messages) {
             const std::string text = catgets(cat, m.set, m.number, "");
             EXPECT_EQ(conversions(text), conversions(m.text)) << locale << ": " << text;

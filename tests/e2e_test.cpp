@@ -45,14 +45,15 @@ struct helper_run {
     int status = 0;
     bool locked = true;  // the table locked and terminal signals ignored from mount(2) on
     // The record as hex: version 2, size 32, requested, available 0x4b, 8 reserved bytes.
-    std::string record = "02000000200000000200000000000000" "4b000000000000000000000000000000";
+    std::string record = "02000000200000000200000000000000"
+                         "4b000000000000000000000000000000";
     const char* kind = "file";           // what /etc/mtab is in the end
     std::optional<std::string> entry{};  // what the table gains; none: a line for each mount
     std::size_t calls = 1;               // mount calls the module answered
     std::size_t left = 0;                // lock files in /etc
     std::size_t sleeps = 0;              // 5 s sleeps waiting for the lock
     std::size_t tools = 0;               // runs of the recording tool
-    std::optional<int> writes{};  // opens of the control file for writing, -1: none made
+    std::optional<int> writes{};         // opens of the control file for writing, -1: none made
     std::string out{}, err{};
     std::string table = OLD;  // what the table holds before
 };
@@ -95,11 +96,11 @@ TEST_P(HelperRun, Shows)
     const auto five = [](const json& s) { return s.at("seconds") == 5.0; };
     const json& control = r.report.at("control");
     const int writes = control.is_null() ? -1 : control.at("write_opens").get<int>();
-    EXPECT_EQ(json::array({calls, r.report.at("lock_files").size(),
-                           std::count_if(sleeps.begin(), sleeps.end(), five),
-                           r.report.at("tool_runs").size(), writes}),
-              json::array({c.calls, c.left, c.sleeps, c.tools,
-                           c.writes.value_or(made.empty() ? -1 : 1)}))
+    EXPECT_EQ(
+        json::array({calls, r.report.at("lock_files").size(),
+                     std::count_if(sleeps.begin(), sleeps.end(), five),
+                     r.report.at("tool_runs").size(), writes}),
+        json::array({c.calls, c.left, c.sleeps, c.tools, c.writes.value_or(made.empty() ? -1 : 1)}))
         << "mount calls, lock files, sleeps, tool runs, control file writes";
     if (c.status == 0 && writes > 0) {
         EXPECT_EQ(control.at("content"), "on");
@@ -111,6 +112,9 @@ TEST_P(HelperRun, Shows)
     }
 }
 
+// One row a run, read as a table: the formatter would give every field of a long row a line of
+// its own.
+// clang-format off
 const helper_run RUNS[] = {
     // Runs that end before an entry: the table as it was, and what stays in /etc.
     {.name = "ConflictIsRefusedBeforeTheLock", .args = {"-o", "exclusive,cluster"}, .status = 255,
@@ -211,6 +215,7 @@ const helper_run RUNS[] = {
               "stat -c %a /etc/mtab~$pid; exit;",
      .calls = 0, .left = 2, .out = "0000000000000000\n143\n600\n"},
 };
+// clang-format on
 
 INSTANTIATE_TEST_SUITE_P(E2e, HelperRun, testing::ValuesIn(RUNS),
                          [](const testing::TestParamInfo<helper_run>& c) { return c.param.name; });
@@ -225,7 +230,8 @@ TEST_F(E2eTest, EveryLockWinnerWritesOneWholeLine)
     for (int round = 0; round < 3; ++round) {
         const sandbox_result r = run_sandbox({"--fast-sleep"}, {"sh", "-c", R"(
 for i in $(seq 16); do "$0" -o cluster & p="$p $!"; done;
-for i in $p; do wait $i; s=$?; [ $s -le 1 ] || echo $i ended $s; done)", HELPER_PATH});
+for i in $p; do wait $i; s=$?; [ $s -le 1 ] || echo $i ended $s; done)",
+                                                                HELPER_PATH});
         EXPECT_EQ(std::tuple(r.status, r.out, r.err), std::tuple(0, "", ""));
         const std::string table = r.report.at("mtab").at("content");
         std::string lines;

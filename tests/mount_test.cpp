@@ -26,7 +26,12 @@ namespace {
 const std::string USAGE = "ODM mount ERROR T-41-1-0-0-4 usage: mount.qeodmfs "
                           "[-o {cluster|nocluster|exclusive|smartsync|nosmartsync|wait}]\n";
 const std::string UNKNOWN = "ODM mount WARNING T-41-1-0-0-6 unrecognized option ";
-const std::string CONFLICT = "ODM mount ERROR T-41-1-0-0-3 conflicting suboptions: ";
+
+std::string clash(const std::string& first, const std::string& second)
+{
+    return "ODM mount ERROR T-41-1-0-0-3 conflicting suboptions: '" + first + "' and '" + second +
+           "'\n";
+}
 
 // "mount.qeodmfs ARGS" with QEODM_MOUNT_OPTS=ENV (nullptr: unset), as main parses them; a
 // run that goes on prints the mask, rw_given, what is left of ENV and the options string.
@@ -35,37 +40,39 @@ TEST(MountOptsTest, CommandLineAndEnvironment)
     const struct {
         std::vector<std::string> args;
         std::string out, err;
-        const char* env;
         int status;
+        const char* env = nullptr;
     } cases[] = {
         // Each word's bit, "wait" beside every other; values, an empty last word, ro and noauto
         // are ignored. The table's words: rw first, then table order, smartsync by default.
-        {{"-o", "nocluster,wait,wait"}, "0x5 rw=0 - nocluster,smartsync\n", "", nullptr, 0},
-        {{"-o", "exclusive,ro,noauto,wait"}, "0x44 rw=0 - exclusive,smartsync\n", "", nullptr, 0},
-        {{"-o", "cluster_bypass,wait"}, "0xc rw=0 - cluster_bypass,smartsync\n", "", nullptr, 0},
-        {{"-o", "wait,nosmartsync,rw"}, "0x24 rw=1 - rw,nosmartsync\n", "", nullptr, 0},
-        {{"-o", "smartsync,cluster=yes,wait,"}, "0x16 rw=0 - cluster,smartsync\n", "", nullptr, 0},
-        {{"-o", ""}, "0x0 rw=0  smartsync\n", "", "", 0},
+        {{"-o", "nocluster,wait,wait"}, "0x5 rw=0 - nocluster,smartsync\n", "", 0},
+        {{"-o", "exclusive,ro,noauto,wait"}, "0x44 rw=0 - exclusive,smartsync\n", "", 0},
+        {{"-o", "cluster_bypass,wait"}, "0xc rw=0 - cluster_bypass,smartsync\n", "", 0},
+        {{"-o", "wait,nosmartsync,rw"}, "0x24 rw=1 - rw,nosmartsync\n", "", 0},
+        {{"-o", "smartsync,cluster=yes,wait,"}, "0x16 rw=0 - cluster,smartsync\n", "", 0},
+        {{"-o", ""}, "0x0 rw=0  smartsync\n", "", 0, ""},
         // Every -o, then the variable, which is cut in place; other letters and operands ignored.
         {{"-n", "-r", "-v", "-t", "ext4", "none", "/dev/odm", "-o", "wait", "-o", "rw"},
-         "0x1c rw=1 cluster_bypass rw,cluster_bypass,smartsync\n", "",
-         "cluster_bypass,smartsync", 0},
+         "0x1c rw=1 cluster_bypass rw,cluster_bypass,smartsync\n",
+         "",
+         0,
+         "cluster_bypass,smartsync"},
         // Early exits: nothing after them is looked at.
-        {{"-h"}, USAGE, "", nullptr, 0},
-        {{"-x"}, USAGE, "mount.qeodmfs: invalid option -- 'x'\n", nullptr, 0},
-        {{"-L", "-o", "bogus"}, "", "", nullptr, 0},
-        {{"-o", "cluster,remount,bogus"}, "", "", "bogus", 0},
-        {{"-o", "cluster,bogus=1,wait"}, "", UNKNOWN + "bogus=1\n" + USAGE, nullptr, 255},
-        {{"-o", ",cluster"}, "", UNKNOWN + "\n" + USAGE, nullptr, 255},
-        {{"-o", "cluster,\xc3\xa9"}, "", UNKNOWN + "\xc3\xa9\n" + USAGE, nullptr, 255},
+        {{"-h"}, USAGE, "", 0},
+        {{"-x"}, USAGE, "mount.qeodmfs: invalid option -- 'x'\n", 0},
+        {{"-L", "-o", "bogus"}, "", "", 0},
+        {{"-o", "cluster,remount,bogus"}, "", "", 0, "bogus"},
+        {{"-o", "cluster,bogus=1,wait"}, "", UNKNOWN + "bogus=1\n" + USAGE, 255},
+        {{"-o", ",cluster"}, "", UNKNOWN + "\n" + USAGE, 255},
+        {{"-o", "cluster,\xc3\xa9"}, "", UNKNOWN + "\xc3\xa9\n" + USAGE, 255},
         // Conflicts name both rows in table order, whatever the sources.
-        {{"-o", "cluster"}, "", CONFLICT + "'nocluster' and 'cluster'\n", "nocluster", 255},
-        {{"-o", "exclusive,nocluster"}, "", CONFLICT + "'nocluster' and 'exclusive'\n", nullptr, 255},
-        {{"-o", "cluster_bypass,nocluster"}, "", CONFLICT + "'nocluster' and 'cluster_bypass'\n", nullptr, 255},
-        {{"-o", "exclusive,cluster"}, "", CONFLICT + "'cluster' and 'exclusive'\n", nullptr, 255},
-        {{"-o", "cluster_bypass,cluster"}, "", CONFLICT + "'cluster' and 'cluster_bypass'\n", nullptr, 255},
-        {{"-o", "cluster_bypass,wait,exclusive"}, "", CONFLICT + "'exclusive' and 'cluster_bypass'\n", nullptr, 255},
-        {{"-o", "smartsync,nosmartsync"}, "", CONFLICT + "'nosmartsync' and 'smartsync'\n", nullptr, 255},
+        {{"-o", "cluster"}, "", clash("nocluster", "cluster"), 255, "nocluster"},
+        {{"-o", "exclusive,nocluster"}, "", clash("nocluster", "exclusive"), 255},
+        {{"-o", "cluster_bypass,nocluster"}, "", clash("nocluster", "cluster_bypass"), 255},
+        {{"-o", "exclusive,cluster"}, "", clash("cluster", "exclusive"), 255},
+        {{"-o", "cluster_bypass,cluster"}, "", clash("cluster", "cluster_bypass"), 255},
+        {{"-o", "cluster_bypass,exclusive"}, "", clash("exclusive", "cluster_bypass"), 255},
+        {{"-o", "smartsync,nosmartsync"}, "", clash("nosmartsync", "smartsync"), 255},
     };
     for (const auto& c : cases) {
         const child_result r = in_child([&] {

@@ -45,11 +45,11 @@ TEST(MsgFormatTest, IdentifiersWithoutTheCatalogue)
     // Unresolvable, and so given back as they are: a field of 30 characters, missing or
     // empty fields, unknown domains and sets. An empty field is never read past its end,
     // whatever the one before left in the buffer: here a colon.
-    for (const char* id : {"dom-0xxxxxxxxxxxxxxxxxxxxxxxxx:mount:7:t", "ODM:mount:7", "",
-                           ":mount:7:t", "ODM::7:t", "ABC:mount:3:t", "XYZ:mount:3:t",
-                           "dom-1:mount:3:t", "dom-:mount:3:t", "ABCD0:mount:3:t",
-                           "dom.0:mount:3:t", "dom-x:mount:3:t", "ODM:Mount:3:t", "ODM:set-0:3:t",
-                           "ODM:nosuchset:3:t", "ODM:mount::a:t", "ODM:mount:"})
+    for (const char* id :
+         {"dom-0xxxxxxxxxxxxxxxxxxxxxxxxx:mount:7:t", "ODM:mount:7", "", ":mount:7:t", "ODM::7:t",
+          "ABC:mount:3:t", "XYZ:mount:3:t", "dom-1:mount:3:t", "dom-:mount:3:t", "ABCD0:mount:3:t",
+          "dom.0:mount:3:t", "dom-x:mount:3:t", "ODM:Mount:3:t", "ODM:set-0:3:t",
+          "ODM:nosuchset:3:t", "ODM:mount::a:t", "ODM:mount:"})
         EXPECT_EQ(msg_format(id, SEV_NONE, out, sizeof out, 0, 0), id) << id;
     char small[8];
     EXPECT_STREQ(msg_format("ODM:mount:7:t", SEV_NONE, small, sizeof small, 0, 0), "ODM mou");
@@ -71,53 +71,63 @@ void print_nlspath()
     std::fputs(std::getenv("NLSPATH") ? std::getenv("NLSPATH") : "(unset)", stderr);
 }
 
-// Each in a child, which keeps what a catalogue lookup does to the process.
-// No catalogue is found for the C locale.
+void info_then_nlspath()
+{
+    info("ODM:mount:9:");
+    print_nlspath();
+}
+
+// Each in a child, which keeps what a catalogue lookup does to the process, with NLSPATH
+// as given (nullptr: unset). No catalogue is found for the C locale.
 TEST(MsgReportTest, ReportingFunctions)
 {
     setenv("LANG", "C", 1);
     unsetenv("LC_ALL");
     unsetenv("LC_MESSAGES");
-    unsetenv("NLSPATH");
     const struct {
+        const char* nlspath;
         void (*report)();
         const char* err;
     } cases[] = {
-        {[] { errno = EBUSY; warn_errno("ODM:mount:8:could not write %s", "f"); },
+        {nullptr,
+         [] {
+             errno = EBUSY;
+             warn_errno("ODM:mount:8:could not write %s", "f");
+         },
          "Device or resource busy: ODM mount WARNING T-41-1-0-0-8 could not write f\n"},
-        {[] { info("ODM:mount:9:%d%%", 5); }, "ODM mount INFO T-41-1-0-0-9 5%\n"},
+        {nullptr, [] { info("ODM:mount:9:%d%%", 5); }, "ODM mount INFO T-41-1-0-0-9 5%\n"},
         // A format is cut at 127 bytes.
-        {[] { warn("ODM:mount:9:0123456789012345678901234567890123456789012345678901234567890123"
-                   "456789012345678901234567890123456789"); },
+        {nullptr,
+         [] {
+             warn("ODM:mount:9:0123456789012345678901234567890123456789012345678901234567890123"
+                  "456789012345678901234567890123456789");
+         },
          "ODM mount WARNING T-41-1-0-0-9 012345678901234567890123456789012345678901234567890123"
          "456789012345678901234567890123456789012345\n"},
         // The product's directory goes in front of NLSPATH at the first lookup, msg_errno's too.
-        {[] { setenv("NLSPATH", "/x/%N", 1); info("ODM:mount:9:"); print_nlspath(); },
+        {"/x/%N", info_then_nlspath,
          "ODM mount INFO T-41-1-0-0-9 \n/opt/KELD/messages/%L/%N:/x/%N"},
-        {[] { setenv("NLSPATH", "", 1); info("ODM:mount:9:"); print_nlspath(); },
-         "ODM mount INFO T-41-1-0-0-9 \n/opt/KELD/messages/%L/%N:"},
-        {[] { msg_errno(2, 1); print_nlspath(); }, "/opt/KELD/messages/%L/%N"},
-        // A catalogue: the text and the severity word are looked up.
-        {[] {
-             setenv("NLSPATH", CATALOG_BUILD_DIR "/de_DE.UTF-8/%N", 1);
-             warn("ODM:mount:10:could not fork %s", "x");
-             info("ODM:mount:9:i");
+        {"", info_then_nlspath, "ODM mount INFO T-41-1-0-0-9 \n/opt/KELD/messages/%L/%N:"},
+        {nullptr,
+         [] {
+             msg_errno(2, 1);
+             print_nlspath();
          },
-         "ODM mount WARNUNG T-41-1-0-0-10 Prozess f\xc3\xbcr x kann nicht gestartet werden\n"
-         "ODM mount INFO T-41-1-0-0-9 i\n"},
-        // INFO's own word, which no translation so far changes; a word is cut at 62 bytes.
-        {[] {
-             setenv("NLSPATH", WORDS_CATALOG_DIR "/%N", 1);
-             info("ODM:mount:9:i");
-             warn("ODM:mount:9:w");
-         },
-         "ODM mount HINWEIS T-41-1-0-0-9 i\n"
+         "/opt/KELD/messages/%L/%N"},
+        // A catalogue: the text and the severity word are looked up, and a message that it
+        // does not hold keeps its own text. German keeps INFO; words.msg changes it.
+        {CATALOG_BUILD_DIR "/de_DE.UTF-8/%N", [] { warn("ODM:mount:10:could not fork %s", "x"); },
+         "ODM mount WARNUNG T-41-1-0-0-10 Prozess f\xc3\xbcr x kann nicht gestartet werden\n"},
+        {WORDS_CATALOG_DIR "/%N", [] { info("ODM:mount:9:i"); },
+         "ODM mount HINWEIS T-41-1-0-0-9 i\n"},
+        // A word is cut at 62 bytes.
+        {WORDS_CATALOG_DIR "/%N", [] { warn("ODM:mount:9:w"); },
          "ODM mount W012345678901234567890123456789012345678901234567890123456789"
          "0 T-41-1-0-0-9 w\n"},
         // msg_errno takes its catalogue from LANG, the others from
         // LC_MESSAGES; the errno text is always the C library's.
-        {[] {
-             setenv("NLSPATH", CATALOG_BUILD_DIR "/%L/%N", 1);
+        {CATALOG_BUILD_DIR "/%L/%N",
+         [] {
              setenv("LANG", "de_DE.UTF-8", 1);
              setenv("LC_MESSAGES", "C", 1);
              warn("ODM:mount:9:%s", msg_errno(2, 1));
@@ -126,6 +136,7 @@ TEST(MsgReportTest, ReportingFunctions)
     };
     for (const auto& c : cases) {
         const child_result r = in_child([&c] {
+            c.nlspath != nullptr ? setenv("NLSPATH", c.nlspath, 1) : unsetenv("NLSPATH");
             c.report();
             return 0;
         });

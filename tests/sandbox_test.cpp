@@ -10,12 +10,14 @@ using nlohmann::json;
 // scenes touch; not timestamps elsewhere, which other programs may change meanwhile.
 std::string real_system()
 {
-    return in_child([] {
+    const child_result r = in_child([] {
         execl("/bin/sh", "sh", "-c",
               "ls -a /etc /opt /dev; cat /proc/self/mountinfo; stat -c '%n %f %s %.9Y' /etc/mtab "
-              "/etc/mtab~ /dev/odm /dev/null /opt/KELD /usr/sbin/mount.qeodmfs 2>&1", nullptr);
+              "/etc/mtab~ /dev/odm /dev/null /opt/KELD /usr/sbin/mount.qeodmfs 2>&1",
+              nullptr);
         return 127;
-    }).out;
+    });
+    return r.out;
 }
 
 TEST_F(SandboxTest, NothingReachesTheRealSystem)
@@ -24,8 +26,8 @@ TEST_F(SandboxTest, NothingReachesTheRealSystem)
     const sandbox_result r = run_sandbox(
         {}, {"sh", "-c",
              "mkdir -p /opt/KELD/bin /dev/scratch; cp /bin/true /opt/KELD/bin/tolvane; "
-             "cp " HELPER_PATH " /sbin/mount.qeodmfs; echo 'x y z 0 0' >/etc/mtab; "
-             HELPER_PATH " -o cluster; " PROBE_PATH " 2 32; echo on >/dev/odm/cluster; "
+             "cp " HELPER_PATH " /sbin/mount.qeodmfs; echo 'x y z 0 0' >/etc/mtab; " HELPER_PATH
+             " -o cluster; " PROBE_PATH " 2 32; echo on >/dev/odm/cluster; "
              "umount /dev/odm; echo x >/etc/odm-sandbox-leak; touch /etc/mtab~ /dev/null "
              "/opt/odm-sandbox-leak /dev/odm-sandbox-leak; mount -t tmpfs scratch /dev/scratch"});
     EXPECT_NE(r.report, nullptr) << r.err;
@@ -43,8 +45,8 @@ TEST_F(SandboxTest, ModuleTakesItsRecordAloneAndUnmountsItsOwnAlone)
         {"--control", "missing"},
         {"sh", "-c",
          "test ! -e /opt/KELD && test ! -e /sbin/mount.qeodmfs && mount -i -t qeodmfs -o cluster "
-         "none /dev/odm 2>/dev/null; " PROBE_PATH " 1 32; " PROBE_PATH " 2 31; " PROBE_PATH "; "
-         PROBE_PATH " 2 32 && umount /dev/odm && ! mountpoint -q /dev/odm && "
+         "none /dev/odm 2>/dev/null; " PROBE_PATH " 1 32; " PROBE_PATH " 2 31; " PROBE_PATH
+         "; " PROBE_PATH " 2 32 && umount /dev/odm && ! mountpoint -q /dev/odm && "
          "mount -t tmpfs scratch /dev/odm && umount /dev/odm && " PROBE_PATH " 2 32"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "EINVAL\nEINVAL\nEINVAL\n0\n0\n");
@@ -73,10 +75,13 @@ TEST_F(SandboxTest, StoppedSandboxEndsAsItsCommandDid)
         const char* signal;
         int status;
         json timed_out, interrupted_by;
-    } cases[] = {{{"--timeout", "0.2"}, "SIGKILL", 124, true, nullptr}, {{}, "SIGHUP", 129, false, "SIGHUP"},
-                 {{}, "SIGINT", 130, false, "SIGINT"}, {{}, "SIGTERM", 143, false, "SIGTERM"}};
+    } cases[] = {{{"--timeout", "0.2"}, "SIGKILL", 124, true, nullptr},
+                 {{}, "SIGHUP", 129, false, "SIGHUP"},
+                 {{}, "SIGINT", 130, false, "SIGINT"},
+                 {{}, "SIGTERM", 143, false, "SIGTERM"}};
     for (const auto& c : cases) {
-        const std::string kill = c.options.empty() ? std::string("kill -") + (c.signal + 3) + " $PPID; " : "";
+        const std::string kill =
+            c.options.empty() ? std::string("kill -") + (c.signal + 3) + " $PPID; " : "";
         const sandbox_result r = run_sandbox(c.options, {"sh", "-c", kill + "exec sleep 60"});
         EXPECT_EQ(r.status, c.status) << r.err;
         const json& command = r.report.at("command");

@@ -15,9 +15,11 @@ std::jmp_buf* parsing;
 
 }  // namespace
 
-extern "C" [[noreturn]] void __real_exit(int status);  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" [[noreturn]] void __real_exit(int status);
 
-extern "C" [[noreturn]] void __wrap_exit(int status)  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern "C" [[noreturn]] void __wrap_exit(int status)
 {
     if (parsing != nullptr)
         std::longjmp(*parsing, 1);  // NOLINT(cert-err52-cpp): no destructor is skipped
