@@ -168,12 +168,12 @@ void mtab_add(int mount_result)
     }
 
     // addmntent only reads the entry, but its fields are char*.
-    mntent entry{const_cast<char*>(MOUNT_SOURCE),
-                 const_cast<char*>(MOUNT_POINT),
-                 const_cast<char*>(MOUNT_TYPE),
-                 options,
-                 0,
-                 0};
+    mntent entry{.mnt_fsname = const_cast<char*>(MOUNT_SOURCE),
+                 .mnt_dir = const_cast<char*>(MOUNT_POINT),
+                 .mnt_type = const_cast<char*>(MOUNT_TYPE),
+                 .mnt_opts = options,
+                 .mnt_freq = 0,
+                 .mnt_passno = 0};
     std::fseek(mtab, 0, SEEK_END);
     const off_t start = ftello(mtab);
     const int added = addmntent(mtab, &entry);
