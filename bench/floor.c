@@ -70,10 +70,13 @@ static void raise_file_limit(void)
 static int add_entry(FILE *mtab, const struct mntent *entry)
 {
     fseek(mtab, 0, SEEK_END);
-    struct stat st;
-    off_t length = stat("/etc/mtab", &st) == 0 ? st.st_size : -1;
+    off_t start = ftello(mtab);
     int added = addmntent(mtab, entry);
-    if ((fclose(mtab) != 0 || added != 0) && truncate("/etc/mtab", length) != 0)
+    off_t whole = added == 0 ? ftello(mtab) : -1;
+    fclose(mtab);
+    struct stat st;
+    if (stat("/etc/mtab", &st) == 0 && st.st_size != start && st.st_size != whole &&
+        truncate("/etc/mtab", start) != 0)
         return added;
     return added;
 }

@@ -133,8 +133,8 @@ END {
     f = ("full" in row) ? ratio(ir[row["full"]], t) : "-"
     ff = ("full" in row && "floor" in row) ? ratio(ir[row["full"]], ir[row["floor"]]) : "-"
     fp = ("full" in row) ? ratio(ir[row["full"]], p) : "-"
-    printf "budget  -L          <= 1.30 x /bin/true  %6s  %s\n", l, verdict(l, 1.30)
-    printf "budget  -o cluster  <= 1.40 x /bin/true  %6s  %s\n", f, verdict(f, 1.40)
+    printf "budget  -L          <= 1.35 x /bin/true  %6s  %s\n", l, verdict(l, 1.35)
+    printf "budget  -o cluster  <= 1.45 x /bin/true  %6s  %s\n", f, verdict(f, 1.45)
     printf "budget  -o cluster  <= 1.15 x C floor    %6s  %s\n", ff, verdict(ff, 1.15)
     printf "budget  -o cluster  <= 0.20 x peer       %6s  %s\n", fp, verdict(fp, 0.20)
     printf "budget  NEEDED is libc.so.6 alone                %s\n", (needed == "libc.so.6") ? "held" : "MISSED"
