@@ -3,8 +3,7 @@
 # a command needs and no more (as root, or through sudo; anyone else is told
 # the list), configures with the CMake presets, builds, and runs.
 #
-#   ./dev.sh demo      build the helper and odm-sandbox alone, and mount with
-#                      -o cluster inside odm-sandbox
+#   ./dev.sh demo      build the helper and odm-sandbox, mount -o cluster in it
 #   ./dev.sh check     build with g++, clang++ and the sanitizers and run every
 #                      test in each; the virtual machine's once, in the g++ build
 #   ./dev.sh lint      clang-format, clang-tidy and cppcheck over every source
@@ -12,19 +11,16 @@
 #   ./dev.sh package   build as shipped, make build/deb/*.deb and check it
 #   ./dev.sh repro     package the last commit twice, in two fresh copies, and
 #                      compare the two byte for byte
-#   ./dev.sh bench     count the helper's start-up against /bin/true, a C floor
-#                      and mount(8) (bench/README.md)
-#   ./dev.sh vm        the helper on Debian 12's own kernel and systemd, in
-#                      qemu, with the package installed (vm/run.sh)
-#   ./dev.sh fresh     as root: demo and check in a new minimal Debian 12 root
-#                      (.ci/fresh)
+#   ./dev.sh bench     count the start-up against /bin/true, C and mount(8)
+#   ./dev.sh vm        the package on Debian 12's kernel and systemd (vm/run.sh)
+#   ./dev.sh fresh     as root: the README's commands on a new Debian 12 root
 set -eu
 cd "$(dirname "$0")"
 
 # On top of what every Debian system has (gzip, sed, gencat, util-linux).
 DEMO_PACKAGES="cmake ninja-build g++ nlohmann-json3-dev"
-# cpack's dependency list (dpkg-shlibdeps, file), hardening-check, lintian,
-# fakeroot for a user who is not root, and git for the commit's time.
+# cpack's dependency list (dpkg-shlibdeps, file), hardening-check (in
+# devscripts), lintian, and git for the commit's time.
 PACKAGE_PACKAGES="cmake ninja-build g++ binutils dpkg-dev file devscripts lintian git"
 # qemu, mmdebstrap and its converters, newuidmap for a user who is not root,
 # and kbuild with the headers of Debian 12's current kernel, whose image
@@ -90,27 +86,18 @@ build() {
 }
 
 # Each fuzz target for $1 seconds, starting from its checked-in seeds. New
-# inputs stay in build/fuzz/corpus, a crashing one lands in build/fuzz/.
-# The fuzzer's own output goes to a log; its latest status line is shown
-# every 10 seconds.
+# inputs stay in build/fuzz/corpus, a crashing one lands in build/fuzz/, and
+# the fuzzer's own output in a log.
 fuzz() {
     build fuzz
     for t in subopts; do
         mkdir -p "build/fuzz/corpus/$t"
         log="build/fuzz/fuzz_$t.log"
         echo "fuzz_$t: $1 s from tests/fuzz/corpus/$t and build/fuzz/corpus/$t"
-        "build/fuzz/tests/fuzz/fuzz_$t" -max_total_time="$1" -timeout=10 \
+        if ! "build/fuzz/tests/fuzz/fuzz_$t" -max_total_time="$1" -timeout=10 \
             -print_final_stats=1 -close_fd_mask=3 -artifact_prefix=build/fuzz/ \
-            -dict="tests/fuzz/$t.dict" "build/fuzz/corpus/$t" "tests/fuzz/corpus/$t" >"$log" 2>&1 &
-        pid=$!
-        ticks=0
-        while kill -0 "$pid" 2>/dev/null; do
-            sleep 1
-            ticks=$((ticks + 1))
-            [ $((ticks % 10)) -eq 0 ] || continue
-            echo "fuzz_$t: ${ticks} s: $(grep -a '^#[0-9]' "$log" | tail -n 1 | cut -c 1-100)"
-        done
-        if ! wait "$pid"; then
+            -dict="tests/fuzz/$t.dict" "build/fuzz/corpus/$t" "tests/fuzz/corpus/$t" \
+            >"$log" 2>&1; then
             tail -n 40 "$log"
             echo "dev.sh: fuzz_$t failed; see $log" >&2
             exit 1
