@@ -14,6 +14,7 @@
 # Debian root and the kernel. Made anew in build/vm: the package, the
 # module and the initramfs.
 set -eu
+umask 022  # the initramfs's modes become the machine's
 src=$(cd "$(dirname "$0")/.." && pwd)
 work=$src/build/vm
 if [ "$(id -u)" -eq 0 ]; then
@@ -23,7 +24,12 @@ else
 fi
 scenarios=$src/tests/vm/scenarios.sh
 boot_limit=300  # seconds for one boot, its scenarios and its power-off
-root=$cache/vm-root.tar
+# What the root holds; manual pages, documentation and translations only
+# cost boot time. A root made with other options is another root.
+ROOT_OPTIONS="--include=systemd,systemd-sysv,udev,kmod,mount
+    --dpkgopt=path-exclude=/usr/share/man/* --dpkgopt=path-exclude=/usr/share/doc/*
+    --dpkgopt=path-include=/usr/share/doc/*/copyright --dpkgopt=path-exclude=/usr/share/locale/*"
+root=$cache/vm-root-$(echo "$ROOT_OPTIONS" | cksum | cut -d ' ' -f 1).tar
 
 # CI sets QEODMFS_VM_REQUIRED: there, a machine that cannot boot one fails.
 skip() {
@@ -61,7 +67,8 @@ echo "vm: the kernel, $kver"
 vmlinuz=$cache/vmlinuz-$kver
 if [ ! -s "$vmlinuz" ]; then
     (cd "$work" && apt-get download -q -o APT::Sandbox::User="$(id -un)" \
-        "linux-image-$kver=$kversion" >/dev/null)
+        "linux-image-$kver=$kversion" >/dev/null) ||
+        skip "linux-image-$kver $kversion, the headers' kernel, cannot be downloaded"
     dpkg-deb --fsys-tarfile "$work"/linux-image-*.deb | tar -xO "./boot/vmlinuz-$kver" >"$vmlinuz.new"
     mv "$vmlinuz.new" "$vmlinuz"
 fi
@@ -72,12 +79,15 @@ cp -r "$src/vm/kmod" "$work/kmod"
 make -s -C "/usr/src/linux-headers-$kver" M="$work/kmod" CONFIG_DEBUG_INFO_BTF_MODULES= modules
 
 echo "vm: the Debian root"
-# Manual pages, documentation and translations only cost boot time.
-"$src/vm/debian-root.sh" "$root" --include=systemd,systemd-sysv,udev,kmod,mount \
-    --dpkgopt='path-exclude=/usr/share/man/*' --dpkgopt='path-exclude=/usr/share/doc/*' \
-    --dpkgopt='path-include=/usr/share/doc/*/copyright' --dpkgopt='path-exclude=/usr/share/locale/*'
+set -f  # the options' globs are dpkg's
+# shellcheck disable=SC2086 # one argument per option; none holds a blank
+"$src/vm/debian-root.sh" "$root" $ROOT_OPTIONS
+set +f
 # The kernel unpacks cpio, not tar; owners and modes carry over.
-[ "$root.cpio" -nt "$root" ] || bsdtar --format newc -cf "$root.cpio" "@$root"
+if [ ! "$root.cpio" -nt "$root" ]; then
+    bsdtar --format newc -cf "$root.cpio.new" "@$root"
+    mv "$root.cpio.new" "$root.cpio"
+fi
 
 echo "vm: the initramfs"
 layer=$work/initramfs
@@ -108,18 +118,26 @@ boot() {
         -nodefaults -no-user-config -display none -no-reboot \
         -serial "file:$work/$1.console" -serial "file:$work/$1.results" \
         -kernel "$vmlinuz" -initrd "$work/initramfs.cpio" -append "$cmdline" &
+    machines="$machines $!"
 }
+# timeout gives each machine a process group of its own, out of a terminal's reach.
+machines=
+trap '[ -z "$machines" ] || kill $machines 2>/dev/null' EXIT
+trap 'exit 130' INT TERM HUP
 
-# Every group, or those named; two machines at a time, one a processor.
+# Every group, or those named: name, fstab options, kernel parameters and
+# scenarios each. Two machines at a time, one a processor.
 groups=$(sh "$scenarios" groups)
 if [ $# -gt 0 ]; then
+    for name in "$@"; do
+        echo "$groups" | grep -q "^$name " || { echo "vm: no such group: $name" >&2; exit 1; }
+    done
     groups=$(echo "$groups" | while read -r group rest; do
         for name in "$@"; do
             if [ "$name" = "$group" ]; then echo "$group $rest"; fi
         done
     done)
 fi
-[ -n "$groups" ] || { echo "vm: no such group: $*" >&2; exit 1; }
 jobs=$(nproc)
 [ "$jobs" -le 2 ] || jobs=2
 passed=0
@@ -127,17 +145,20 @@ failed=0
 batch=
 report() {
     for group in $batch; do
-        fstab=$(echo "$groups" | sed -n "s/^$group \([^ ]*\) .*/\1/p")
-        echo "vm: $group, fstab: $fstab ($(($(date +%s) - started)) s)"
-        results=$(tr -d '\r' <"$work/$group.results")
+        # shellcheck disable=SC2046 # the group's line, a word each
+        set -- $(echo "$groups" | grep "^$group ")
+        echo "vm: $group, fstab: $2 ($(($(date +%s) - started)) s since the first boot)"
+        shift 3
+        results=$(tr -d '\r' <"$work/$group.results" 2>/dev/null || true)
         printf '%s\n' "$results" | grep -v '^done$' || true
-        passed=$((passed + $(printf '%s\n' "$results" | grep -c '^PASS ' || true)))
-        failed=$((failed + $(printf '%s\n' "$results" | grep -c '^FAIL ' || true)))
+        ok=$(printf '%s\n' "$results" | grep -c '^PASS ' || true)
         if ! printf '%s\n' "$results" | grep -qx done; then
             echo "FAIL $group: the machine did not finish within $boot_limit s; its console's end:"
             tail -n 40 "$work/$group.console" | tr -d '\r' | sed 's/^/    /'
-            failed=$((failed + 1))
         fi
+        # A group passes with a PASS line for each of its scenarios.
+        passed=$((passed + ok))
+        failed=$((failed + $# - ok))
     done
     batch=
 }
@@ -148,11 +169,13 @@ while read -r group fstab params _; do
     batch="$batch $group"
     [ "$(echo $batch | wc -w)" -lt "$jobs" ] && continue
     wait
+    machines=
     report
 done <<EOF
 $groups
 EOF
 wait
+machines=
 report
 echo "vm: $passed passed, $failed failed"
 [ "$failed" -eq 0 ]
