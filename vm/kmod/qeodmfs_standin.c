@@ -32,8 +32,9 @@ static int calls;
 module_param(calls, int, 0444);
 MODULE_PARM_DESC(calls, "mount calls that reached the module");
 
+/* Root's alone: past a short record lie whatever bytes the copy held. */
 static char last_record[2 * sizeof(struct qeodm_record) + 1];
-module_param_string(last_record, last_record, sizeof(last_record), 0444);
+module_param_string(last_record, last_record, sizeof(last_record), 0400);
 MODULE_PARM_DESC(last_record, "the record of the last call, in hex; empty for none");
 
 static int last_errno;
@@ -42,7 +43,7 @@ MODULE_PARM_DESC(last_errno, "what the last call was answered with (0: mounted)"
 
 static char control[16];
 module_param_string(control, control, sizeof(control), 0444);
-MODULE_PARM_DESC(control, "what the last mount's control file took");
+MODULE_PARM_DESC(control, "what the control file of the last call's mount took");
 
 /* What the tests set. */
 static int mount_errno;
@@ -98,8 +99,9 @@ static int qeodm_fill_super(struct super_block *sb, void *data, int silent)
 
 /*
  * The record is binary (FS_BINARY_MOUNTDATA), so nothing parses it as
- * text on the way here. Text, no data, another version or another size
- * are refused.
+ * text on the way here. Refused are exactly the records that odm-sandbox's
+ * emulation refuses, so that the two answer the same calls alike: text,
+ * no data, another version or another size.
  */
 static int qeodm_check(const struct qeodm_record *rec)
 {
@@ -125,14 +127,13 @@ static struct dentry *qeodm_mount(struct file_system_type *type, int flags,
 	struct dentry *root;
 
 	calls++;
+	control[0] = '\0';	/* no control file written yet */
 	last_errno = -qeodm_check(data);
 	if (last_errno)
 		return ERR_PTR(-last_errno);
 	root = mount_nodev(type, flags, data, qeodm_fill_super);
 	if (IS_ERR(root))
 		last_errno = -PTR_ERR(root);
-	else
-		control[0] = '\0';	/* a new control file, not yet written */
 	return root;
 }
 
