@@ -4,7 +4,8 @@
 # the list), configures with the CMake presets, builds, and runs.
 #
 #   ./dev.sh demo      build the helper and odm-sandbox, mount -o cluster in it
-#   ./dev.sh check     build with g++, clang++ and the sanitizers and run every
+#   ./dev.sh check [CTEST-OPTION...]
+#                      build with g++, clang++ and the sanitizers and run every
 #                      test in each; the virtual machine's once, in the g++ build
 #   ./dev.sh lint      clang-format, clang-tidy and cppcheck over every source
 #   ./dev.sh fuzz [S]  run each fuzz target for S seconds (default 30)
@@ -27,11 +28,12 @@ PACKAGE_PACKAGES="cmake ninja-build g++ binutils dpkg-dev file devscripts lintia
 # vm/run.sh fetches itself.
 VM_PACKAGES="$PACKAGE_PACKAGES qemu-system-x86 mmdebstrap libarchive-tools cpio uidmap make
     linux-headers-amd64"
-# What the tests run: mount(8), readelf, mandoc, man(1), and localedef with
-# the locale sources for the catalogue tests.
-CHECK_PACKAGES="$DEMO_PACKAGES clang libclang-rt-14-dev libgtest-dev mount binutils mandoc
-    man-db locales $VM_PACKAGES"
-LINT_PACKAGES="$CHECK_PACKAGES clang-format clang-tidy cppcheck"
+# The clang builds, and what the tests run: mount(8), readelf, mandoc,
+# man(1), and localedef with the locale sources for the catalogue tests.
+TEST_PACKAGES="$DEMO_PACKAGES clang libclang-rt-14-dev libgtest-dev mount binutils mandoc man-db
+    locales"
+CHECK_PACKAGES="$TEST_PACKAGES $VM_PACKAGES"
+LINT_PACKAGES="$TEST_PACKAGES clang-format clang-tidy cppcheck"
 BENCH_PACKAGES="$DEMO_PACKAGES valgrind hyperfine time binutils"
 
 # Locales the catalogue tests look messages up in; their tests skip without.
@@ -131,10 +133,14 @@ lint() {
         fi' "$logs" ||
         { cat "$logs"/*.log; echo "dev.sh: clang-tidy findings" >&2; exit 1; }
     echo "lint: cppcheck"
-    cppcheck --project="$db" -i"$PWD/build" --std=c++20 --library=googletest \
+    if ! cppcheck --project="$db" -i"$PWD/build" --std=c++20 --library=googletest \
         --enable=warning,style,performance,portability --inline-suppr \
         --suppressions-list=cppcheck-suppressions.txt --error-exitcode=1 \
-        -D__x86_64__ -j "$(nproc)" | grep -v '^Checking '
+        -D__x86_64__ -j "$(nproc)" >"$logs/cppcheck.log" 2>&1; then
+        grep -v -e '^Checking ' -e 'files checked' "$logs/cppcheck.log"
+        echo "dev.sh: cppcheck findings" >&2
+        exit 1
+    fi
     echo "lint: clean"
 }
 
@@ -173,7 +179,7 @@ check)
     install_locales
     for preset in gcc clang asan; do
         build "$preset"
-        ctest --preset "$preset"
+        ctest --preset "$preset" "$@"
     done
     ;;
 lint)
@@ -181,7 +187,7 @@ lint)
     lint
     ;;
 fuzz)
-    install_deps fuzz $CHECK_PACKAGES
+    install_deps fuzz $TEST_PACKAGES
     fuzz "${1:-30}"
     ;;
 package)
@@ -208,7 +214,8 @@ fresh)
     .ci/fresh
     ;;
 *)
-    echo "usage: $0 demo|check|lint|fuzz [SECONDS]|package|repro|bench|vm [GROUP...]|fresh" >&2
+    echo "usage: $0 demo|check [CTEST-OPTION...]|lint|fuzz [SECONDS]|package|repro|bench" >&2
+    echo "       $0 vm [GROUP...]|fresh" >&2
     exit 2
     ;;
 esac
