@@ -30,8 +30,8 @@ inline constexpr const char* HELPER_PATH = "/sbin/mount.qeodmfs";
 inline constexpr const char* CONTROL_NAME = "cluster";
 // Inside the throwaway /dev, out of the real system's sight.
 inline constexpr const char* STATE_DIR = "/dev/.odm-sandbox";
-inline constexpr const char* STAGE_DIR =
-    "/dev/.odm-sandbox/stage";  // where the module makes its file systems
+// Where the module makes its file systems.
+inline constexpr const char* STAGE_DIR = "/dev/.odm-sandbox/stage";
 
 [[noreturn, gnu::format(printf, 1, 2)]] void die(const char* fmt, ...);
 [[gnu::format(printf, 1, 2)]] void complain(const char* fmt, ...);

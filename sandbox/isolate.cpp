@@ -46,8 +46,7 @@ void enter_namespaces()
     if (uid != "0" || unshare(CLONE_NEWNS) != 0) {
         if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
             die("%scannot unshare a user and mount namespace: %s (see "
-                "kernel.unprivileged_userns_clone and "
-                "user.max_user_namespaces)",
+                "kernel.unprivileged_userns_clone and user.max_user_namespaces)",
                 UNAVAILABLE, strerror(errno));
         write_file("/proc/self/setgroups", "deny");
         write_file("/proc/self/uid_map", "0 " + uid + " 1");
