@@ -23,10 +23,10 @@ DEMO_PACKAGES="cmake ninja-build g++ nlohmann-json3-dev"
 # cpack's dependency list (dpkg-shlibdeps, file), hardening-check (in
 # devscripts), lintian, and git for the commit's time.
 PACKAGE_PACKAGES="cmake ninja-build g++ binutils dpkg-dev file devscripts lintian git"
-# qemu, mmdebstrap and its converters, newuidmap for a user who is not root,
-# and kbuild with the headers of Debian 12's current kernel, whose image
-# vm/run.sh fetches itself.
-VM_PACKAGES="$PACKAGE_PACKAGES qemu-system-x86 mmdebstrap libarchive-tools cpio uidmap make
+# qemu, mmdebstrap with mount(8), which it sets the root up with, and its
+# converters, newuidmap for a user who is not root, and kbuild with the
+# headers of Debian 12's current kernel, whose image vm/run.sh fetches.
+VM_PACKAGES="$PACKAGE_PACKAGES qemu-system-x86 mmdebstrap mount libarchive-tools cpio uidmap make
     linux-headers-amd64"
 # The clang builds, and what the tests run: mount(8), readelf, mandoc,
 # man(1), and localedef with the locale sources for the catalogue tests.

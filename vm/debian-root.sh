@@ -11,6 +11,9 @@ set -eu
 out=$1
 shift
 [ -s "$out" ] && exit 0
+# Without it mmdebstrap carries on with no /proc in the root, and the
+# maintainer scripts that need one (systemd's makes /etc/mtab) do less.
+command -v mount >/dev/null || { echo "debian-root: mount(8) is missing" >&2; exit 1; }
 mkdir -p "$(dirname "$out")"
 sources=
 for f in /etc/apt/sources.list /etc/apt/sources.list.d/*.list /etc/apt/sources.list.d/*.sources; do

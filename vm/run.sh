@@ -47,7 +47,7 @@ kernel=$(dpkg-query -W -f='${Depends}' linux-headers-amd64 2>/dev/null |
 [ -n "$kernel" ] || skip "linux-headers-amd64 is not installed (./dev.sh vm installs it)"
 kver=${kernel% *}
 kversion=${kernel#* }
-for tool in qemu-system-x86_64 mmdebstrap bsdtar cpio make g++ cmake cpack dpkg-shlibdeps; do
+for tool in qemu-system-x86_64 mmdebstrap mount bsdtar cpio make g++ cmake cpack dpkg-shlibdeps; do
     command -v "$tool" >/dev/null || skip "$tool is missing (./dev.sh vm installs it)"
 done
 if [ ! -s "$root" ] && [ "$(id -u)" -ne 0 ]; then
