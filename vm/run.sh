@@ -69,7 +69,8 @@ if [ ! -s "$vmlinuz" ]; then
     (cd "$work" && apt-get download -q -o APT::Sandbox::User="$(id -un)" \
         "linux-image-$kver=$kversion" >/dev/null) ||
         skip "linux-image-$kver $kversion, the headers' kernel, cannot be downloaded"
-    dpkg-deb --fsys-tarfile "$work"/linux-image-*.deb | tar -xO "./boot/vmlinuz-$kver" >"$vmlinuz.new"
+    dpkg-deb --fsys-tarfile "$work"/linux-image-*.deb |
+        tar -xO "./boot/vmlinuz-$kver" >"$vmlinuz.new"
     mv "$vmlinuz.new" "$vmlinuz"
 fi
 
