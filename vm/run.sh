@@ -76,7 +76,7 @@ fi
 
 echo "vm: the stand-in module"
 cp -r "$src/vm/kmod" "$work/kmod"
-# No BTF: that needs the kernel's vmlinux, which no package ships.
+# No BTF: that needs the kernel's vmlinux, which the headers do not bring.
 make -s -C "/usr/src/linux-headers-$kver" M="$work/kmod" CONFIG_DEBUG_INFO_BTF_MODULES= modules
 
 echo "vm: the Debian root"
